@@ -1,0 +1,81 @@
+#include "XLog.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+#include "XTime.h"
+
+// The exported mask: 0 at load, so only warnings and errors are written.
+extern "C" {
+VEXLO_API unsigned int gdbg = 0;
+}
+
+extern "C" VEXLO_API unsigned int VCI_Debug(unsigned int mask) {
+    // The raw packet dumps can flood a terminal; only a direct write of gdbg switches them on.
+    unsigned int stored = mask & ~static_cast<unsigned int>(XLOG_DUMP);
+    __atomic_store_n(&gdbg, stored, __ATOMIC_RELAXED);
+    return stored;
+}
+
+static XLogSinkFn g_sink = XLogStdout;
+
+void XLogStdout(const char* text, size_t len) {
+    // One fwrite per line: the stream lock keeps lines of different threads whole.
+    fwrite(text, 1, len, stdout);
+}
+
+void XLogSetSink(XLogSinkFn sink) { g_sink = sink ? sink : XLogStdout; }
+
+// Formats the common prefix into `out` and returns its length.
+static int XLogPrefix(char* out, size_t size, const char* level, const char* func, int line) {
+    std::string stamp = XTime::Text();
+    return snprintf(out, size, "%s: vexlo: %s: %s<%d>: ", stamp.c_str(), level, func, line);
+}
+
+void XLogWrite(const char* level, const char* func, int line, const char* fmt, ...) {
+    char small[512];
+    int head = XLogPrefix(small, sizeof(small), level, func, line);
+    if (head < 0) return;
+    va_list ap;
+    va_start(ap, fmt);
+    va_list ap2;
+    va_copy(ap2, ap);
+    int body = vsnprintf(nullptr, 0, fmt, ap);
+    va_end(ap);
+    if (body < 0) {
+        va_end(ap2);
+        return;
+    }
+    size_t total = static_cast<size_t>(head) + static_cast<size_t>(body);
+    if (total < sizeof(small) && static_cast<size_t>(head) < sizeof(small)) {
+        vsnprintf(small + head, sizeof(small) - head, fmt, ap2);
+        va_end(ap2);
+        g_sink(small, total);
+        return;
+    }
+    // A long line (a long signature or message): format it again into a buffer that fits.
+    std::string big(total + 1, '\0');
+    XLogPrefix(&big[0], big.size(), level, func, line);
+    vsnprintf(&big[head], big.size() - head, fmt, ap2);
+    va_end(ap2);
+    big.resize(total);
+    g_sink(big.data(), big.size());
+}
+
+void XLogDump(const char* func, int line, const char* head, const U8* bytes, size_t n) {
+    // Written as one piece, so no other thread's line can fall into the middle of a dump.
+    std::string text(512 + 3 * n, '\0');
+    int len = XLogPrefix(&text[0], text.size(), "DBG", func, line);
+    if (len < 0) return;
+    text.resize(static_cast<size_t>(len));
+    text += head;
+    static const char hex[] = "0123456789abcdef";
+    for (size_t i = 0; i < n; ++i) {
+        text += hex[bytes[i] >> 4];
+        text += hex[bytes[i] & 0xF];
+        text += ' ';
+    }
+    text += '\n';
+    g_sink(text.data(), text.size());
+}

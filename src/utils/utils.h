@@ -1,0 +1,8 @@
+// The support library: log, clock, locks, signal and worker thread.
+#pragma once
+
+#include "XLock.h"
+#include "XLog.h"
+#include "XThread.h"
+#include "XTime.h"
+#include "XTypes.h"

@@ -1,0 +1,51 @@
+// The command exchange: a packet on 0x01, its acknowledgement from 0x81.
+#include <cstring>
+
+#include "CanDev.h"
+
+int CanDev::Cmd(U8* cmd, U32 cmdlen, U8* ack, U32* acklen, U32 timeout) {
+    XDBG(XLOG_GENERAL, "+++\n");
+    int result = -1;
+    do {
+        if (!cmd || cmdlen == 0 || !ack || !acklen || *acklen == 0) {
+            XERR("invalid parameters\n");
+            break;
+        }
+        XDUMP(XLOG_DUMP, "cmd: ", cmd, cmdlen);
+
+        CanXfer* out = GetXfer(CAN_XFER_CMD_OUT);
+        CanXfer* in = GetXfer(CAN_XFER_CMD_IN);
+        out->Lock();
+        out->ClrSize();
+        in->ClrSize();
+        out->Setup(cmd, static_cast<int>(cmdlen), UsbXferCb, timeout);
+        out->Submit();
+        if (out->GetSize() == 0) out->Wait(static_cast<int>(timeout + 1000));
+        U32 sent = out->GetSize();
+        XDBG(XLOG_GENERAL, "xfer(cmd): size=%d\n", sent);
+        out->Cancel();
+        WaitDelivered(out, static_cast<int>(timeout + 1000));
+        out->Unlock();
+        if (sent != cmdlen) {
+            XERR("xfer(cmd) failed\n");
+            break;
+        }
+
+        in->Lock();
+        if (in->GetSize() == 0) in->Wait(static_cast<int>(timeout));
+        U32 got = in->GetSize();
+        XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
+        result = got != 0 ? 0 : -1;
+        if (got < *acklen) *acklen = got;
+        if (*acklen != 0) {
+            memcpy(ack, in->GetData(), *acklen);
+            in->Unlock();
+            XDUMP(XLOG_DUMP, "ack: ", ack, *acklen);
+        } else {
+            in->Unlock();
+            XERR("xfer(ack) failed\n");
+        }
+    } while (false);
+    XDBG(XLOG_GENERAL, "--- ret=%d\n", result);
+    return result;
+}

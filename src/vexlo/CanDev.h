@@ -1,0 +1,95 @@
+// One open adapter: its libusb handle and claimed interface, its event thread, its four bulk
+// transfers, its two receive rings, its error records and its receive cache; plus the
+// process-wide registry of open devices and the libusb default context they share.
+//
+// Lock order. devlck_, cmdlck_ and fifolck_ are never held together. Under cmdlck_ an exchange
+// takes one transfer's lock at a time (the OUT transfer's, released before the command IN
+// transfer's). The event threads take only transfer locks, one at a time, and never a static lock.
+#pragma once
+
+#include <libusb.h>
+
+#include <atomic>
+#include <map>
+#include <vector>
+
+#include "CanFifo.h"
+#include "CanWire.h"
+#include "CanXfer.h"
+#include "utils.h"
+
+enum : U16 {
+    CAN_VID = 0x0471,
+    CAN_PID = 0x1200,
+};
+
+// Indexes into CanDev::xfers_.
+enum {
+    CAN_XFER_CMD_OUT = 0,  // 0x01: command packets
+    CAN_XFER_CMD_IN = 1,   // 0x81: acknowledgements of commands and of frame packets
+    CAN_XFER_DATA_OUT = 2, // 0x02: frame packets
+    CAN_XFER_DATA_IN = 3,  // 0x82: received frames and notices
+};
+
+class CanDev {
+public:
+    CanDev();
+    ~CanDev();
+    CanDev(const CanDev&) = delete;
+    CanDev& operator=(const CanDev&) = delete;
+
+    static int Init();
+    static void Exit();
+    int Scan(libusb_device** list, std::vector<libusb_device*>& out);
+    int Open(U16 vid, U16 pid, U16 index);
+    void Close();
+
+    // One command exchange on 0x01/0x81 (caller holds cmdlck_).
+    int Cmd(U8* cmd, U32 cmdlen, U8* ack, U32* acklen, U32 timeout);
+    // One frame packet on 0x02, acknowledged on 0x81 (caller holds cmdlck_).
+    int Send(CAN_OBJX* recs, U32* count, U32 timeout);
+    // Gathers and decodes a completed data IN transfer (event handling only).
+    void Recv(CanXfer* xfer);
+
+    static CanDev* FindDevice(unsigned int index);
+    static void AddDevice(unsigned int index, CanDev* dev);
+    static void DelDevice(unsigned int index);
+
+    libusb_device_handle* GetDev() { return handle_; }
+    CanXfer* GetXfer(int i) { return &xfers_[i]; }
+    CanFifo* GetFifo(int i) { return &fifo_[i]; }
+    CAN_ERR* GetError(int i) { return &err_[i + 1]; }
+
+    static void* UsbThread(bool* stop, void* arg);
+    static void UsbXferCb(libusb_transfer* xfer);
+    void UsbXferDone(CanXfer* xfer);
+
+    // True while any of the four transfers is submitted and its completion not yet delivered.
+    bool AnyInFlight();
+
+    libusb_device_handle* handle_;
+    bool claimed_;
+    XThread usbthread_;
+    CanXfer xfers_[4];
+    CanFifo fifo_[2];
+    // Written by the reception path and copied-and-cleared by VCI_ReadErrInfo, each as one atomic
+    // 8-byte operation; the alignment makes those operations lock-free.
+    alignas(8) CAN_ERR err_[3];
+    std::vector<U8> cache_;
+    U32 cachelen_;
+    // Raised by Close before it cancels: no transfer of this device is armed again afterwards.
+    // Set and tested under each transfer's lock together with its cancellation or submission.
+    std::atomic<bool> closing_;
+
+    static std::map<unsigned int, CanDev*> devmap_;
+    static XLock devlck_;
+    static XLock cmdlck_;
+    static XLock fifolck_;
+    static bool usbinit_;
+
+private:
+    // Submits transfer `xfer` unless the device is closing; caller holds the transfer's lock.
+    int Arm(CanXfer* xfer);
+    // Waits, pumping libusb events, until the transfer's completion has been delivered.
+    void WaitDelivered(CanXfer* xfer, int ms);
+};

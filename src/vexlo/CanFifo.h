@@ -1,0 +1,56 @@
+// A fixed ring of received frames for one channel: one producer (the reception path, inside USB
+// event handling, lock-free) and one consumer at a time (the application, under CanDev::fifolck_).
+//
+// wr_ and rd_ are free-running counts (wrapping at 2^32); a count selects slot count & (cap_ - 1).
+// Push publishes wr_ with release after the slot copy; Pop publishes rd_ with release after its
+// copy; each side loads the other's counter with acquire. A full ring refuses new frames: the
+// oldest frames win.
+#pragma once
+
+#include <atomic>
+#include <vector>
+
+#include "utils.h"
+
+class CanFifo {
+public:
+    // cap must be a power of two (0 gives a ring that refuses every frame); other values are
+    // rounded down to one, so the slot mask stays valid.
+    explicit CanFifo(unsigned int cap);
+    ~CanFifo();
+    CanFifo(const CanFifo&) = delete;
+    CanFifo& operator=(const CanFifo&) = delete;
+
+    U32 Size() const {
+        return wr_.load(std::memory_order_acquire) - rd_.load(std::memory_order_acquire);
+    }
+
+    int Push(const CAN_OBJ* obj) {
+        U32 wr = wr_.load(std::memory_order_relaxed);
+        if (wr - rd_.load(std::memory_order_acquire) >= cap_) return 0;
+        buf_[wr & (cap_ - 1)] = *obj;
+        wr_.store(wr + 1, std::memory_order_release);
+        return 1;
+    }
+
+    int Pop(CAN_OBJ* obj) {
+        U32 rd = rd_.load(std::memory_order_relaxed);
+        if (wr_.load(std::memory_order_acquire) == rd) return 0;
+        *obj = buf_[rd & (cap_ - 1)];
+        rd_.store(rd + 1, std::memory_order_release);
+        return 1;
+    }
+
+    void Clear() { rd_.store(wr_.load(std::memory_order_acquire), std::memory_order_release); }
+
+    // For tests of counter wrap-around: start both counters at `count` on an empty ring.
+    void Reset(U32 count) {
+        wr_.store(count, std::memory_order_relaxed);
+        rd_.store(count, std::memory_order_relaxed);
+    }
+
+    std::vector<CAN_OBJ> buf_;
+    alignas(64) std::atomic<U32> wr_;
+    alignas(64) std::atomic<U32> rd_;
+    alignas(64) U32 cap_;
+};

@@ -1,0 +1,55 @@
+// Frame transmission: a packet of 19-byte records on 0x02, acknowledged on 0x81 with the number of
+// frames the adapter accepted in byte 2.
+#include "CanDev.h"
+
+int CanDev::Send(CAN_OBJX* recs, U32* count, U32 timeout) {
+    U32 n = count ? *count : 0;
+    XDBG(XLOG_GENERAL, "+++ %d frame(s), %ld bytes\n", n, static_cast<long>(CAN_REC_SIZE) * n);
+    int result = -1;
+    do {
+        if (count) *count = 0;
+        if (!count || !recs || n == 0) {
+            XERR("invalid parameters\n");
+            break;
+        }
+        XDUMP(XLOG_DUMP, "tx: ", reinterpret_cast<const U8*>(recs), CAN_REC_SIZE);
+
+        const U32 bytes = CAN_REC_SIZE * n;
+        CanXfer* out = GetXfer(CAN_XFER_DATA_OUT);
+        CanXfer* in = GetXfer(CAN_XFER_CMD_IN);
+        out->Lock();
+        out->ClrSize();
+        in->ClrSize();
+        out->Setup(recs, static_cast<int>(bytes), UsbXferCb, timeout);
+        out->Submit();
+        if (out->GetSize() == 0) out->Wait(static_cast<int>(timeout + 1000));
+        U32 sent = out->GetSize();
+        XDBG(XLOG_GENERAL, "xfer(tx): size=%d\n", sent);
+        out->Cancel();
+        WaitDelivered(out, static_cast<int>(timeout + 1000));
+        out->Unlock();
+        if (sent != bytes) {
+            XERR("xfer(tx) failed\n");
+            break;
+        }
+
+        in->Lock();
+        if (in->GetSize() == 0) in->Wait(static_cast<int>(timeout));
+        U32 got = in->GetSize();
+        XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
+        XDUMP(XLOG_DUMP, "ack: ", in->GetData(), got);
+        if (got >= 3) {
+            U32 accepted = in->GetData()[2];
+            *count = accepted < n ? accepted : n;
+            result = 0;
+        } else if (got != 0) {
+            // The count lives in byte 2; an answer that stops before it accepted nothing we can
+            // know of, so it counts as no acknowledgement.
+            XWRN("ack too short: size=%d\n", got);
+        }
+        in->Unlock();
+    } while (false);
+    U32 done = count ? *count : 0;
+    XDBG(XLOG_GENERAL, "--- ret=%d: %d frames, %ld bytes\n", result, done, static_cast<long>(CAN_REC_SIZE) * done);
+    return result;
+}

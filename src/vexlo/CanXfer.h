@@ -1,0 +1,53 @@
+// One reusable asynchronous libusb bulk transfer on one endpoint of the adapter.
+//
+// The object is its own lock and wake-up signal: the completion side captures the byte count (and
+// for the command IN endpoint the bytes) and signals under the lock; the waiting side tests the
+// count under the same lock before it sleeps, so no completion is missed.
+#pragma once
+
+#include <libusb.h>
+
+#include <vector>
+
+#include "utils.h"
+
+class CanDev;
+
+class CanXfer : public XSignal {
+public:
+    typedef void (*Callback)(libusb_transfer*);
+
+    CanXfer();
+    ~CanXfer();
+    CanXfer(const CanXfer&) = delete;
+    CanXfer& operator=(const CanXfer&) = delete;
+
+    void Init(CanDev* dev, U8 ep, U32 bufsz);
+    // Fills the record for the transfer's own buffer, or for the caller's `data` of `size` bytes;
+    // the caller's buffer must stay valid until the completion has been delivered.
+    void Setup(Callback cb, unsigned int timeout);
+    void Setup(void* data, int size, Callback cb, unsigned int timeout);
+    // Submit and the in-flight mark are made under the object's lock (the caller holds it).
+    int Submit();
+    int Cancel();
+    void Capture(bool copy);
+
+    libusb_transfer* GetXfer() { return xfer_; }
+    CanDev* GetDev() { return dev_; }
+    U8* GetData() { return data_.empty() ? nullptr : data_.data(); }
+    U32 GetSize() const { return __atomic_load_n(&size_, __ATOMIC_ACQUIRE); }
+    // A single 32-bit store, made without the lock by the exchanges before they send.
+    void ClrSize() { __atomic_store_n(&size_, 0, __ATOMIC_RELEASE); }
+
+    // True from a successful Submit until its completion has been delivered (under the lock).
+    bool InFlight() const { return inflight_; }
+    void SetInFlight(bool on) { inflight_ = on; }
+
+    libusb_transfer* xfer_;
+    CanDev* dev_;
+    U8 ep_;
+    std::vector<U8> buffer_;
+    std::vector<U8> data_;
+    U32 size_;
+    bool inflight_;
+};
