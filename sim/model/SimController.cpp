@@ -144,8 +144,7 @@ void SimController::OnArbitrationLost(uint8_t bit, std::vector<SimRecord>* notic
     notices->push_back(SimRecord::Notice(kEvArbLost, index_, ts, bit));
 }
 
-void SimController::AccountBus(uint64_t busy_ns, uint64_t until) {
-    (void)until;
+void SimController::AccountBus(uint64_t busy_ns) {
     if (state_ == SimChanState::kStarted) busy_ns_ += busy_ns;
 }
 

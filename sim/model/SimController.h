@@ -63,7 +63,7 @@ public:
     void OnArbitrationLost(uint8_t bit, std::vector<SimRecord>* notices, uint32_t ts);
 
     // Status counters of command 0x06: bus busy and bus idle time while started, in 100 us.
-    void AccountBus(uint64_t busy_ns, uint64_t until);
+    void AccountBus(uint64_t busy_ns);
     uint32_t BusyCounter() const { return static_cast<uint32_t>(busy_ns_ / 100000); }
     uint32_t IdleCounter(uint64_t now) const;
 

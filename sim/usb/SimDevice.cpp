@@ -1,0 +1,186 @@
+#include "usb/SimDevice.h"
+
+#include "usb/SimTestbed.h"
+#include "usb/SimUsbDevice.h"
+
+namespace vexlo_sim {
+
+using Lock = std::lock_guard<std::mutex>;
+
+SimDevice::SimDevice(SimTestbed* bed, unsigned position, const SimIdentity& id)
+    : bed_(bed), position_(position), id_(id) {}
+
+SimDevice::~SimDevice() = default;
+
+bool SimDevice::Plug() {
+    SimUsbDevice* usb;
+    {
+        Lock lock(bed_->mu_);
+        if (plugged_) return false;
+        auto fresh = std::make_unique<SimAdapter>(position_, id_, SimTestbed::Now());
+        if (adapter_) fresh->faults_ = adapter_->faults_;
+        adapter_ = std::move(fresh);
+        SimTestbed* bed = bed_;
+        plugs_.push_back(std::make_unique<SimUsbDevice>(&bed_->mu_, adapter_.get(), &log_,
+                                                        &SimTestbed::Now, [bed] { bed->Kick(); }));
+        usb = plugs_.back().get();
+    }
+    std::string syspath;
+    if (!bed_->AddNode(usb, position_, &syspath)) return false;
+    Lock lock(bed_->mu_);
+    syspaths_.push_back(syspath);
+    plugged_ = true;
+    return true;
+}
+
+bool SimDevice::Unplug() {
+    std::string path;
+    {
+        Lock lock(bed_->mu_);
+        if (!plugged_) return false;
+        plugs_.back()->Unplug();
+        plugged_ = false;
+        path = syspaths_.back();
+    }
+    bed_->RemoveNode(path);
+    return true;
+}
+
+bool SimDevice::Replug() { return Plug(); }
+
+bool SimDevice::Plugged() const {
+    Lock lock(bed_->mu_);
+    return plugged_;
+}
+
+void SimDevice::Tick(uint64_t now) {
+    if (!plugged_) return;
+    adapter_->Advance(now);
+    plugs_.back()->Pump(now);
+}
+
+bool SimDevice::Busy() const { return plugged_ && adapter_->Busy(); }
+
+uint64_t SimDevice::NextDue() const {
+    return plugged_ && adapter_->AckWaiting() ? adapter_->NextAckDue() : 0;
+}
+
+std::vector<Bytes> SimDevice::Sent(uint8_t ep) const {
+    Lock lock(bed_->mu_);
+    return log_.Packets(ep);
+}
+
+std::vector<SimPacket> SimDevice::SentAll() const {
+    Lock lock(bed_->mu_);
+    return log_.All();
+}
+
+void SimDevice::ClearSent() {
+    Lock lock(bed_->mu_);
+    log_.Clear();
+}
+
+bool SimDevice::WaitSent(uint8_t ep, size_t n, unsigned timeout_ms) {
+    std::unique_lock<std::mutex> lock(bed_->mu_);
+    return log_.Wait(lock, ep, n, timeout_ms);
+}
+
+uint64_t SimDevice::OutAttempts(uint8_t ep) const {
+    Lock lock(bed_->mu_);
+    return log_.attempts_[ep == kEpCmdOut ? 0 : 1];
+}
+
+void SimDevice::InjectFrame(unsigned channel, const SimFrame& f) {
+    Lock lock(bed_->mu_);
+    adapter_->InjectFrame(channel, f, SimTestbed::Now());
+    bed_->Kick();
+}
+
+void SimDevice::InjectNotice(unsigned channel, uint8_t code, uint8_t d0, uint8_t d1, uint8_t d2) {
+    Lock lock(bed_->mu_);
+    adapter_->InjectNotice(channel, code, d0, d1, d2, SimTestbed::Now());
+    bed_->Kick();
+}
+
+void SimDevice::InjectRaw(const Bytes& transfer) {
+    Lock lock(bed_->mu_);
+    adapter_->in_.PushRaw(transfer);
+    bed_->Kick();
+}
+
+void SimDevice::SetAckFault(SimAckFault kind, int code, int count) {
+    Lock lock(bed_->mu_);
+    SimFaults& f = adapter_->faults_;
+    f.ack = kind;
+    f.ack_code = code;
+    f.ack_count = count;
+}
+
+void SimDevice::SetTxAccept(int n) {
+    Lock lock(bed_->mu_);
+    adapter_->faults_.tx_accept = n;
+}
+
+void SimDevice::SetOutFault(uint8_t ep, SimOutFault fault) {
+    Lock lock(bed_->mu_);
+    adapter_->faults_.out[ep == kEpCmdOut ? 0 : 1] = fault;
+}
+
+void SimDevice::SetDelay(unsigned ms) {
+    Lock lock(bed_->mu_);
+    adapter_->faults_.delay_ms = ms;
+}
+
+void SimDevice::ClearFaults() {
+    Lock lock(bed_->mu_);
+    adapter_->faults_ = SimFaults();
+}
+
+void SimDevice::StartGenerator(unsigned channel, const SimGenConfig& cfg) {
+    Lock lock(bed_->mu_);
+    adapter_->gen_[channel & 1].Start(cfg, SimTestbed::Now());
+    bed_->Kick();
+}
+
+void SimDevice::StopGenerator(unsigned channel) {
+    Lock lock(bed_->mu_);
+    adapter_->gen_[channel & 1].Stop();
+}
+
+uint64_t SimDevice::GeneratorSent(unsigned channel) const {
+    Lock lock(bed_->mu_);
+    return adapter_->gen_[channel & 1].sent_;
+}
+
+void SimDevice::SetCabled(bool cabled) {
+    Lock lock(bed_->mu_);
+    adapter_->cabled_ = cabled;
+}
+
+void SimDevice::SetTxCapacity(unsigned channel, size_t frames) {
+    Lock lock(bed_->mu_);
+    adapter_->ch_[channel & 1].tx_capacity_ = frames;
+}
+
+SimChannelInfo SimDevice::Channel(unsigned channel) const {
+    Lock lock(bed_->mu_);
+    adapter_->Advance(SimTestbed::Now());
+    const SimController& c = adapter_->ch_[channel & 1];
+    SimChannelInfo info{};
+    info.state = c.state_;
+    info.bitrate = c.bitrate_;
+    info.listen_only = c.listen_only_;
+    info.accept_code = c.filter_.code_;
+    info.accept_mask = c.filter_.mask_;
+    info.single_filter = c.filter_.single_;
+    for (uint8_t a = 0; a < 16; ++a) info.regs[a] = c.ReadReg(a);
+    info.tx_queued = c.txq_.size();
+    return info;
+}
+
+uint64_t SimDevice::RxDropped() const {
+    Lock lock(bed_->mu_);
+    return adapter_->rx_dropped_;
+}
+
+}  // namespace vexlo_sim
