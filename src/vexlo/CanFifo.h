@@ -25,9 +25,14 @@ public:
         return wr_.load(std::memory_order_acquire) - rd_.load(std::memory_order_acquire);
     }
 
+    // Each side keeps its last reading of the other side's counter and loads the shared one
+    // only when that reading says full (or empty): the common case touches no other cache line.
     int Push(const CAN_OBJ* obj) {
         U32 wr = wr_.load(std::memory_order_relaxed);
-        if (wr - rd_.load(std::memory_order_acquire) >= cap_) return 0;
+        if (wr - rdseen_ >= cap_) {
+            rdseen_ = rd_.load(std::memory_order_acquire);
+            if (wr - rdseen_ >= cap_) return 0;
+        }
         buf_[wr & (cap_ - 1)] = *obj;
         wr_.store(wr + 1, std::memory_order_release);
         return 1;
@@ -35,22 +40,31 @@ public:
 
     int Pop(CAN_OBJ* obj) {
         U32 rd = rd_.load(std::memory_order_relaxed);
-        if (wr_.load(std::memory_order_acquire) == rd) return 0;
+        if (wrseen_ == rd) {
+            wrseen_ = wr_.load(std::memory_order_acquire);
+            if (wrseen_ == rd) return 0;
+        }
         *obj = buf_[rd & (cap_ - 1)];
         rd_.store(rd + 1, std::memory_order_release);
         return 1;
     }
 
-    void Clear() { rd_.store(wr_.load(std::memory_order_acquire), std::memory_order_release); }
+    void Clear() {
+        wrseen_ = wr_.load(std::memory_order_acquire);
+        rd_.store(wrseen_, std::memory_order_release);
+    }
 
     // For tests of counter wrap-around: start both counters at `count` on an empty ring.
     void Reset(U32 count) {
         wr_.store(count, std::memory_order_relaxed);
         rd_.store(count, std::memory_order_relaxed);
+        rdseen_ = wrseen_ = count;
     }
 
     std::vector<CAN_OBJ> buf_;
     alignas(64) std::atomic<U32> wr_;
+    U32 rdseen_;  // producer's last reading of rd_
     alignas(64) std::atomic<U32> rd_;
+    U32 wrseen_;  // consumer's last reading of wr_ (consumers hold fifolck_)
     alignas(64) U32 cap_;
 };

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# The main job on a fresh machine: installs what it needs, builds, and runs the demo program
+# against the simulated adapter. Set VEXLO_DEBUG=0x21 (a gdbg mask) to see the library's trace.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+cmake -S . -B build -DVEXLO_BENCH=OFF >/dev/null
+cmake --build build -j2 --target vexlo-demo vexlo-sim >/dev/null
+exec build/sim/vexlo-sim -- build/tools/vexlo-demo "$@"

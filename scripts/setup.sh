@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs, on a Debian 12 machine, every package vexlo needs to build, test and run its demo.
+# Idempotent and quiet: when everything is there it installs nothing and prints nothing.
+set -euo pipefail
+
+packages=(
+  g++ cmake make pkg-config
+  libusb-1.0-0-dev
+  libgtest-dev googletest
+  libbenchmark-dev
+  umockdev libumockdev-dev
+  valgrind
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed"; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  if command -v sudo >/dev/null 2>&1; then sudo="sudo"; else
+    echo "setup: need root to install: ${missing[*]}" >&2
+    exit 1
+  fi
+fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,210 @@
+// Packing of transmitted frames, decoding of received records and notices, and the gathering of
+// data IN transfers into messages.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "CanWire.h"
+
+static std::vector<U8> Bytes(std::initializer_list<int> list) {
+    std::vector<U8> v;
+    for (int b : list) v.push_back(static_cast<U8>(b));
+    return v;
+}
+
+static std::vector<U8> RecBytes(const CAN_OBJX& rec) {
+    const U8* p = reinterpret_cast<const U8*>(&rec);
+    return std::vector<U8>(p, p + sizeof(rec));
+}
+
+TEST(Wire, PackWorkedExamples) {
+    CAN_OBJ obj;
+    memset(&obj, 0, sizeof(obj));
+    obj.Id = 0x123;
+    obj.DataLength = 8;
+    const U8 data[8] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+    memcpy(obj.Data, data, 8);
+    obj.TimeStamp = 0xFFFFFFFF;  // never sent
+    CAN_OBJX rec;
+    memset(&rec, 0, sizeof(rec));
+    CanPack(&obj, 0, &rec);
+    EXPECT_EQ(RecBytes(rec), Bytes({0, 0, 0, 0, 0, 0, 0x08, 0x60, 0x24, 0, 0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66,
+                                    0x77, 0x88}));
+
+    // Extended remote frame on channel 1: every data byte travels whatever the length says.
+    memset(&obj, 0, sizeof(obj));
+    obj.Id = 0x12345678;
+    obj.ExtendedFrame = 1;
+    obj.RemoteFrame = 1;
+    obj.DataLength = 2;
+    obj.TransmitMode = 2;
+    for (int i = 0; i < 8; ++i) obj.Data[i] = static_cast<U8>(0xA0 + i);
+    memset(&rec, 0, sizeof(rec));
+    CanPack(&obj, 1, &rec);
+    EXPECT_EQ(RecBytes(rec), Bytes({0, 0, 0, 0, 0, 2, 0xD2, 0xC0, 0xB3, 0xA2, 0x91, 0xA0, 0xA1, 0xA2, 0xA3, 0xA4,
+                                    0xA5, 0xA6, 0xA7}));
+
+    // Flags use bit 0 only; the length keeps its low 4 bits; the identifier is not masked.
+    memset(&obj, 0, sizeof(obj));
+    obj.Id = 0xFFFFFFFF;
+    obj.ExtendedFrame = 2;  // non-zero: shifted by 3, but bit 0 clear: the extended flag stays clear
+    obj.RemoteFrame = 3;
+    obj.DataLength = 0x1F;
+    CanPack(&obj, 1, &rec);
+    EXPECT_EQ(rec.FrameInfo, 0x5F);
+    EXPECT_EQ(CanGetLe32(rec.RawId), 0xFFFFFFF8u);
+}
+
+TEST(Wire, UnpackBothShiftsAndEveryField) {
+    CAN_OBJX rec;
+    memset(&rec, 0, sizeof(rec));
+    CanPutLe32(rec.TimeStamp, 0x01020304);
+    rec.TransmitMode = 7;  // not read on receipt
+    rec.FrameInfo = 0x1F;  // channel 1, length 15, standard data frame
+    const U8 raw[4] = {0x60, 0x24, 0, 0};
+    memcpy(rec.RawId, raw, 4);
+    for (int i = 0; i < 8; ++i) rec.Data[i] = static_cast<U8>(i + 1);
+    EXPECT_EQ(CanRecChannel(&rec), 1u);
+    CAN_OBJ obj;
+    memset(&obj, 0xEE, sizeof(obj));
+    CanUnpack(&rec, &obj);
+    EXPECT_EQ(obj.Id, 0x123u);
+    EXPECT_EQ(obj.TimeStamp, 0x01020304u);
+    EXPECT_EQ(obj.TimeStampValid, 1);
+    EXPECT_EQ(obj.TransmitMode, 0);
+    EXPECT_EQ(obj.RemoteFrame, 0);
+    EXPECT_EQ(obj.ExtendedFrame, 0);
+    EXPECT_EQ(obj.DataLength, 15);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(obj.Data[i], i + 1);
+    EXPECT_EQ(obj.Reserved[0] | obj.Reserved[1] | obj.Reserved[2], 0);
+
+    const U8 rawx[4] = {0xC0, 0xB3, 0xA2, 0x91};
+    memcpy(rec.RawId, rawx, 4);
+    rec.FrameInfo = 0xC0;
+    CanUnpack(&rec, &obj);
+    EXPECT_EQ(obj.Id, 0x12345678u);
+    EXPECT_EQ(obj.ExtendedFrame, 1);
+    EXPECT_EQ(obj.RemoteFrame, 1);
+
+    // Round trip: whatever is packed comes back (identifiers within their width).
+    for (U32 ext = 0; ext < 2; ++ext) {
+        CAN_OBJ in;
+        memset(&in, 0, sizeof(in));
+        in.Id = ext ? 0x1FFFFFFF : 0x7FF;
+        in.ExtendedFrame = static_cast<U8>(ext);
+        in.DataLength = 8;
+        CAN_OBJX r;
+        memset(&r, 0, sizeof(r));
+        CanPack(&in, ext, &r);
+        CAN_OBJ out;
+        CanUnpack(&r, &out);
+        EXPECT_EQ(out.Id, in.Id);
+        EXPECT_EQ(CanRecChannel(&r), ext);
+    }
+}
+
+static CAN_OBJX Notice(U8 code, U8 b7, U8 b8, U8 b9) {
+    CAN_OBJX rec;
+    memset(&rec, 0, sizeof(rec));
+    rec.EventCode = code;
+    rec.RawId[0] = b7;
+    rec.RawId[1] = b8;
+    rec.RawId[2] = b9;
+    return rec;
+}
+
+TEST(Wire, NoticesWriteTheirFieldsOnly) {
+    CAN_ERR err;
+    memset(&err, 0, sizeof(err));
+    CAN_OBJX e3 = Notice(0xE3, 0x11, 0x22, 0x33);
+    EXPECT_TRUE(CanNotice(&e3, &err));
+    EXPECT_EQ(err.ErrorCode, 4u);
+    EXPECT_EQ(err.Code4Data[0], 0x11);
+    EXPECT_EQ(err.Code4Data[1], 0x22);
+    EXPECT_EQ(err.Code4Data[2], 0x33);
+    CAN_OBJX e1 = Notice(0xE1, 9, 9, 9);
+    EXPECT_TRUE(CanNotice(&e1, &err));
+    EXPECT_EQ(err.ErrorCode, 1u);
+    EXPECT_EQ(err.Code4Data[2], 0x33);  // kept
+    CAN_OBJX e4 = Notice(0xE4, 0x5A, 1, 2);
+    EXPECT_TRUE(CanNotice(&e4, &err));
+    EXPECT_EQ(err.ErrorCode, 8u);
+    EXPECT_EQ(err.Code8Data, 0x5A);
+    CAN_OBJX e2 = Notice(0xE2, 0, 0, 0), e5 = Notice(0xE5, 0, 0, 0), ef = Notice(0xEF, 0, 0, 0);
+    EXPECT_TRUE(CanNotice(&e2, &err));
+    EXPECT_EQ(err.ErrorCode, 2u);
+    EXPECT_EQ(err.Code8Data, 0x5A);
+    EXPECT_TRUE(CanNotice(&e5, &err));
+    EXPECT_EQ(err.ErrorCode, 16u);
+    EXPECT_TRUE(CanNotice(&ef, &err));
+    EXPECT_EQ(err.ErrorCode, 1u);
+    // Unknown codes change nothing.
+    CAN_ERR before = err;
+    for (int code : {0xE0, 0xE6, 0xEE, 0xF0, 0x01}) {
+        CAN_OBJX u = Notice(static_cast<U8>(code), 1, 2, 3);
+        EXPECT_FALSE(CanNotice(&u, &err)) << code;
+        EXPECT_EQ(memcmp(&before, &err, sizeof(err)), 0);
+    }
+    // The shared form: take returns the record and leaves zero.
+    alignas(8) CAN_ERR shared;
+    memset(&shared, 0, sizeof(shared));
+    EXPECT_TRUE(CanNoticeShared(&e3, &shared));
+    CAN_ERR got = CanErrTake(&shared);
+    EXPECT_EQ(got.ErrorCode, 4u);
+    EXPECT_EQ(got.Code4Data[0], 0x11);
+    got = CanErrTake(&shared);
+    EXPECT_EQ(got.ErrorCode, 0u);
+    EXPECT_EQ(got.Code4Data[0], 0);
+}
+
+struct Gatherer {
+    U8 cache[CAN_CACHE_SIZE];
+    U32 len = 0;
+    CanGatherOut out;
+    CanGatherStep Feed(size_t n, U8 fill = 0) {
+        std::vector<U8> data(n, fill);
+        return CanGather(cache, &len, data.data(), static_cast<U32>(n), &out);
+    }
+};
+
+TEST(Wire, GatherFollowsTheContinuationAndLengthRules) {
+    Gatherer g;
+    EXPECT_EQ(g.Feed(0), CAN_GATHER_NODATA);
+    EXPECT_EQ(g.Feed(19), CAN_GATHER_READY);
+    EXPECT_EQ(g.out.msglen, 19u);
+    EXPECT_EQ(g.len, 0u);
+    // Two records and a trailing byte.
+    EXPECT_EQ(g.Feed(39), CAN_GATHER_READY);
+    EXPECT_EQ(g.out.msglen / CAN_REC_SIZE, 2u);
+    EXPECT_EQ(g.Feed(20), CAN_GATHER_READY);
+    EXPECT_EQ(g.Feed(21), CAN_GATHER_BADLEN);
+    EXPECT_EQ(g.out.msglen, 21u);
+    EXPECT_EQ(g.Feed(1), CAN_GATHER_READY);
+    EXPECT_EQ(g.out.msglen / CAN_REC_SIZE, 0u);
+    // 64 then 12: one message of 76 bytes, four records, decided only after the second.
+    EXPECT_EQ(g.Feed(64), CAN_GATHER_MORE);
+    EXPECT_EQ(g.len, 64u);
+    EXPECT_EQ(g.Feed(12), CAN_GATHER_READY);
+    EXPECT_EQ(g.out.before, 64u);
+    EXPECT_EQ(g.out.after, 76u);
+    EXPECT_EQ(g.out.msglen, 76u);
+    // 1024 bytes fill the cache; the next transfer starts afresh and fails the length test.
+    EXPECT_EQ(g.Feed(1024), CAN_GATHER_FULL);
+    EXPECT_EQ(g.out.after, 1024u);
+    EXPECT_EQ(g.len, 0u);
+    EXPECT_EQ(g.Feed(100), CAN_GATHER_BADLEN);
+    EXPECT_EQ(g.out.msglen, 100u);
+    // A run of 64-byte transfers past 1024: the sixteenth fills the cache.
+    for (int i = 0; i < 15; ++i) EXPECT_EQ(g.Feed(64), CAN_GATHER_MORE);
+    EXPECT_EQ(g.Feed(64), CAN_GATHER_FULL);
+    // 960 gathered, then 100 more: only 64 fit; the rest is dropped with the full cache.
+    for (int i = 0; i < 15; ++i) g.Feed(64);
+    EXPECT_EQ(g.Feed(100), CAN_GATHER_FULL);
+    EXPECT_EQ(g.out.taken, 64u);
+    // The message stays at the start of the cache on READY.
+    std::vector<U8> msg(38);
+    for (size_t i = 0; i < msg.size(); ++i) msg[i] = static_cast<U8>(i);
+    EXPECT_EQ(CanGather(g.cache, &g.len, msg.data(), 38, &g.out), CAN_GATHER_READY);
+    EXPECT_EQ(memcmp(g.cache, msg.data(), 38), 0);
+}

@@ -1,0 +1,93 @@
+// The transfer object without a device: buffers, capture and the record it fills.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "CanXfer.h"
+#include "support/LogCapture.h"
+
+static void Complete(CanXfer& x, U8* bytes, int n) {
+    x.GetXfer()->buffer = bytes;
+    x.GetXfer()->actual_length = n;
+}
+
+TEST(Xfer, InitSizesBothAreas) {
+    CanXfer x;
+    ASSERT_NE(x.GetXfer(), nullptr);
+    x.Init(nullptr, 0x01, 0);
+    EXPECT_EQ(x.GetData(), nullptr);
+    x.Init(nullptr, 0x81, 64);
+    ASSERT_NE(x.GetData(), nullptr);
+    EXPECT_EQ(x.buffer_.size(), 64u);
+    EXPECT_EQ(x.data_.size(), 64u);
+    x.Init(nullptr, 0x81, 16);
+    EXPECT_EQ(x.buffer_.size(), 16u);
+    EXPECT_EQ(x.data_.size(), 16u);
+    EXPECT_EQ(x.GetSize(), 0u);
+}
+
+TEST(Xfer, CaptureGrowsNeverShrinksAndCopiesOnlyWhenAsked) {
+    CanXfer x;
+    x.Init(nullptr, 0x81, 4);
+    U8 long_ack[10];
+    for (int i = 0; i < 10; ++i) long_ack[i] = static_cast<U8>(0x10 + i);
+    Complete(x, long_ack, 10);
+    x.Capture(true);
+    EXPECT_EQ(x.GetSize(), 10u);
+    ASSERT_EQ(x.data_.size(), 10u);
+    EXPECT_EQ(memcmp(x.GetData(), long_ack, 10), 0);
+
+    // A shorter one overwrites only its own count at the front.
+    U8 short_ack[3] = {1, 2, 3};
+    Complete(x, short_ack, 3);
+    x.Capture(true);
+    EXPECT_EQ(x.GetSize(), 3u);
+    EXPECT_EQ(x.data_.size(), 10u);
+    EXPECT_EQ(x.GetData()[2], 3);
+    EXPECT_EQ(x.GetData()[3], 0x13);
+
+    // Zero bytes: the count is 0, the area untouched.
+    Complete(x, short_ack, 0);
+    x.Capture(true);
+    EXPECT_EQ(x.GetSize(), 0u);
+    EXPECT_EQ(x.GetData()[0], 1);
+
+    // Without copy only the count is recorded.
+    U8 other[5] = {9, 9, 9, 9, 9};
+    Complete(x, other, 5);
+    x.Capture(false);
+    EXPECT_EQ(x.GetSize(), 5u);
+    EXPECT_EQ(x.GetData()[0], 1);
+    x.ClrSize();
+    EXPECT_EQ(x.GetSize(), 0u);
+}
+
+static void NoCallback(libusb_transfer*) {}
+
+TEST(Xfer, SetupFillsTheRecordAndTracesSignedTimeout) {
+    LogCapture cap;
+    VCI_Debug(XLOG_XFER);
+    CanXfer x;
+    x.Init(nullptr, 0x82, 1024);
+    x.Setup(NoCallback, 0xFFFFFFFFu);
+    libusb_transfer* t = x.GetXfer();
+    EXPECT_EQ(t->endpoint, 0x82);
+    EXPECT_EQ(t->type, LIBUSB_TRANSFER_TYPE_BULK);
+    EXPECT_EQ(t->timeout, 0xFFFFFFFFu);
+    EXPECT_EQ(t->buffer, x.buffer_.data());
+    EXPECT_EQ(t->length, 1024);
+    EXPECT_EQ(t->user_data, &x);
+    EXPECT_EQ(t->callback, NoCallback);
+    U8 pkt[5];
+    x.Setup(pkt, 5, NoCallback, 1000);
+    EXPECT_EQ(t->buffer, pkt);
+    EXPECT_EQ(t->length, 5);
+    EXPECT_EQ(t->timeout, 1000u);
+    // Not in flight: cancel yields libusb's "not found" and nothing else.
+    EXPECT_EQ(x.Cancel(), LIBUSB_ERROR_NOT_FOUND);
+    VCI_Debug(0);
+    std::string text = cap.Take();
+    EXPECT_NE(text.find(">: *** ep=0x82, size=0x0400, timeout=-1\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(">: *** ep=0x82, size=0x0005, timeout=1000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(">: +++ ep=0x82, bufsz=0x0400(1024)\n"), std::string::npos) << text;
+}
