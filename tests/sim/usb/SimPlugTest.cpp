@@ -1,0 +1,99 @@
+// Unplug in the middle of traffic, replug, and an idle event loop that really blocks.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "SimUsbTestUtil.h"
+#include "usb/SimTestbed.h"
+
+using namespace vexlo_sim;
+
+namespace {
+
+void Callback(libusb_transfer* t) { *static_cast<int*>(t->user_data) = t->status; }
+
+double CpuSeconds() {
+    rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+}  // namespace
+
+TEST(SimPlug, unplug_ends_armed_transfers_and_later_calls_fail_then_replug_works) {
+    SimTestbed bed(1);
+    ASSERT_TRUE(bed.Ok());
+    SimHost host;
+    ASSERT_TRUE(host.Open());
+    ASSERT_TRUE(SimStartChannel(host, 1));
+    SimGenConfig cfg;
+    cfg.rate = 2000;
+    bed.Adapter(0).StartGenerator(1, cfg);
+
+    unsigned char buf[1024];
+    int status = -1;
+    libusb_transfer* t = libusb_alloc_transfer(0);
+    libusb_fill_bulk_transfer(t, host.handle(), kEpCmdIn, buf, 64, &Callback, &status, 0);
+    ASSERT_EQ(libusb_submit_transfer(t), 0);
+    ASSERT_TRUE(bed.Adapter(0).Unplug());
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (status == -1 && std::chrono::steady_clock::now() < until) {
+        timeval tv{0, 100000};
+        libusb_handle_events_timeout(nullptr, &tv);
+    }
+    EXPECT_EQ(status, LIBUSB_TRANSFER_NO_DEVICE);
+    libusb_free_transfer(t);
+    Bytes got;
+    EXPECT_EQ(host.Out(kEpCmdOut, SimCmd(kCmdHwVersion)), LIBUSB_ERROR_NO_DEVICE);
+    host.Close();
+
+    for (int i = 0; i < 100 && SimCountAdapters() != 0; ++i) usleep(10000);
+    EXPECT_EQ(SimCountAdapters(), 0);
+    ASSERT_TRUE(bed.Adapter(0).Replug());
+    for (int i = 0; i < 100 && SimCountAdapters() != 1; ++i) usleep(10000);
+    ASSERT_EQ(SimCountAdapters(), 1);
+    SimHost again;
+    ASSERT_TRUE(again.Open());
+    EXPECT_EQ(again.Cmd(SimCmd(kCmdHwVersion)).size(), 6u);
+    EXPECT_EQ(bed.Adapter(0).Channel(1).state, SimChanState::kReset);  // powered anew
+}
+
+TEST(SimPlug, idle_event_loop_blocks) {
+    SimTestbed bed(1);
+    ASSERT_TRUE(bed.Ok());
+    SimHost host;
+    ASSERT_TRUE(host.Open());
+    unsigned char ack[64], data[1024];
+    int s1 = -1, s2 = -1;
+    libusb_transfer* t1 = libusb_alloc_transfer(0);
+    libusb_transfer* t2 = libusb_alloc_transfer(0);
+    libusb_fill_bulk_transfer(t1, host.handle(), kEpCmdIn, ack, 64, &Callback, &s1, 0);
+    libusb_fill_bulk_transfer(t2, host.handle(), kEpDataIn, data, 1024, &Callback, &s2, 0);
+    ASSERT_EQ(libusb_submit_transfer(t1), 0);
+    ASSERT_EQ(libusb_submit_transfer(t2), 0);
+
+    double cpu0 = CpuSeconds();
+    auto t0 = std::chrono::steady_clock::now();
+    unsigned loops = 0;
+    while (std::chrono::steady_clock::now() - t0 < std::chrono::seconds(1)) {
+        timeval tv{0, 100000};
+        libusb_handle_events_timeout(nullptr, &tv);
+        ++loops;
+    }
+    double cpu = CpuSeconds() - cpu0;
+    EXPECT_LT(cpu, 0.10) << "idle CPU seconds over one second";
+    EXPECT_LE(loops, 20u);  // waits of 100 ms, not a spin
+
+    libusb_cancel_transfer(t1);
+    libusb_cancel_transfer(t2);
+    while (s1 == -1 || s2 == -1) {
+        timeval tv{0, 100000};
+        libusb_handle_events_timeout(nullptr, &tv);
+    }
+    EXPECT_EQ(s1, LIBUSB_TRANSFER_CANCELLED);
+    libusb_free_transfer(t1);
+    libusb_free_transfer(t2);
+}
