@@ -9,10 +9,10 @@
 
 namespace vexlo_sim {
 
-SimTestbed::SimTestbed(unsigned adapters, const std::vector<SimIdentity>& ids) {
+SimTestbed::SimTestbed(unsigned adapters, const std::vector<SimIdentity>& ids, bool in_process) {
     SimEnvironment::Prepare();
     tb_ = umockdev_testbed_new();
-    ok_ = SimEnvironment::Check();
+    ok_ = !in_process || SimEnvironment::Check();
     for (unsigned i = 0; i < adapters; ++i)
         devices_.push_back(std::make_unique<SimDevice>(this, i, i < ids.size() ? ids[i] : SimIdentity()));
     for (auto& d : devices_)

@@ -26,8 +26,10 @@ namespace vexlo_sim {
 class SimTestbed {
 public:
     // `adapters` adapters at positions 0..n-1 (0: none present); ids[i] overrides the identity of
-    // the adapter at position i.
-    explicit SimTestbed(unsigned adapters, const std::vector<SimIdentity>& ids = {});
+    // the adapter at position i. `in_process`: the host runs in this process, so the preload must
+    // be linked in; false when the host is a child process started with the preload.
+    explicit SimTestbed(unsigned adapters, const std::vector<SimIdentity>& ids = {},
+                        bool in_process = true);
     ~SimTestbed();
     SimTestbed(const SimTestbed&) = delete;
     SimTestbed& operator=(const SimTestbed&) = delete;
