@@ -245,6 +245,8 @@ void SimAdapter::AdvanceBus(unsigned seg, uint64_t now) {
         for (int i = 0; i < n; ++i)
             if (i != win && !cands[i].gen && cands[i].ready <= start)
                 ch_[cands[i].ch].OnArbitrationLost(ArbBit(w.f, cands[i].f), &notices, ts);
+        for (const SimRecord& r : notices) Push(r);  // arbitration is lost before the frame ends
+        notices.clear();
 
         SimFrame f = w.f;  // w points into cands, which the calls below do not touch
         if (acked) {
