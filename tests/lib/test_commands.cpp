@@ -1,0 +1,299 @@
+// Every command call: the packets it sends byte for byte, what it takes from the answers, and how
+// it judges acknowledgements that are wrong, short, missing or never asked for.
+#include <cstring>
+
+#include "LibFixture.h"
+#include "usb/SimTestbed.h"
+
+using CommandTest = LibTest;
+
+static const char* kInitSig = "unsigned int VCI_InitCAN(unsigned int, unsigned int, unsigned int, CAN_INIT*)";
+static const char* kStartSig = "unsigned int VCI_StartCAN(unsigned int, unsigned int, unsigned int)";
+static const char* kRefSig =
+    "unsigned int VCI_GetReference(unsigned int, unsigned int, unsigned int, unsigned int, void*)";
+
+TEST_F(CommandTest, ChannelCommandsSendTheirPackets) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    Sim().ClearSent();
+    CAN_INIT init = {};
+    init.AcceptCode = 0x80000000;
+    init.AcceptMask = 0xFFFFFFFF;
+    init.FilterMode = 1;
+    init.BusTiming0 = 0x00;
+    init.BusTiming1 = 0x1C;
+    EXPECT_EQ(VCI_InitCAN(kType, 0, 1, &init), 1u);
+    init.ListenOnly = 2;  // any non-zero value sets the flag
+    init.FilterMode = 0;
+    init.AcceptCode = 0x01020304;
+    init.AcceptMask = 0x0A0B0C0D;
+    EXPECT_EQ(VCI_InitCAN(kType, 0, 0, &init), 1u);
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 1), 1u);
+    EXPECT_EQ(VCI_ResetCAN(kType, 0, 0), 1u);
+    EXPECT_EQ(Sim().Sent(vs::kEpCmdOut),
+              (std::vector<vs::Bytes>{
+                  Pkt({0x12, 0x03, 0x04, 0x00, 0x10, 0x00, 0x1C}),
+                  Pkt({0x12, 0x04, 0x0A, 0x00, 0x50, 0x80, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}),
+                  Pkt({0x12, 0x03, 0x04, 0x00, 0x80, 0x00, 0x1C}),
+                  Pkt({0x12, 0x04, 0x0A, 0x00, 0x00, 0x01, 0x02, 0x03, 0x04, 0x0A, 0x0B, 0x0C, 0x0D}),
+                  Pkt({0x12, 0x0E, 0x02, 0x00, 0x10}),
+                  Pkt({0x12, 0x0F, 0x12, 0x00, 0x00}),
+              }));
+    // The adapter took the configuration as sent.
+    vs::SimChannelInfo ch1 = Sim().Channel(1);
+    EXPECT_EQ(ch1.bitrate, 500000u);
+    EXPECT_EQ(ch1.accept_code, 0x80000000u);
+    EXPECT_TRUE(ch1.single_filter);
+    EXPECT_EQ(ch1.state, vs::SimChanState::kStarted);
+    EXPECT_TRUE(Sim().Channel(0).listen_only);
+}
+
+TEST_F(CommandTest, RegistersReadWriteAndStatusSnapshot) {
+    OpenAndStart();
+    Sim().ClearSent();
+    unsigned char ref[2] = {0x0E, 0};
+    ASSERT_EQ(VCI_GetReference(kType, 0, 1, 1, ref), 1u);
+    EXPECT_EQ(ref[0], Sim().Channel(1).regs[0x0E]);
+    unsigned char set[2] = {0x0D, 0x60};
+    ASSERT_EQ(VCI_SetReference(kType, 0, 0, 1, set), 1u);
+    EXPECT_EQ(Sim().Sent(vs::kEpCmdOut), (std::vector<vs::Bytes>{Pkt({0x12, 0x0D, 0x03, 0x00, 0x10, 0x0E}),
+                                                                 Pkt({0x12, 0x0C, 0x04, 0x00, 0x00, 0x0D, 0x60})}));
+    // A write is seen by a later read, on its own channel only.
+    unsigned char limit[1] = {0x0D};
+    ASSERT_EQ(VCI_GetReference(kType, 0, 0, 1, limit), 1u);
+    EXPECT_EQ(limit[0], 0x60);
+    limit[0] = 0x0D;
+    ASSERT_EQ(VCI_GetReference(kType, 0, 1, 1, limit), 1u);
+    EXPECT_EQ(limit[0], 96);
+
+    Sim().ClearSent();
+    CAN_STAT stat;
+    memset(&stat, 0xCC, sizeof(stat));
+    ASSERT_EQ(VCI_ReadCANStatus(kType, 0, 1, &stat), 1u);
+    std::vector<vs::Bytes> sent = Sim().Sent(vs::kEpCmdOut);
+    ASSERT_EQ(sent.size(), 8u);
+    const int order[7] = {0x00, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F, 0x02};
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(sent[i], Pkt({0x12, 0x0D, 0x03, 0x00, 0x10, order[i]})) << i;
+    EXPECT_EQ(sent[7], Pkt({0x12, 0x06, 0x02, 0x00, 0x10}));
+    vs::SimChannelInfo info = Sim().Channel(1);
+    EXPECT_EQ(stat.Reserved0, 0);
+    EXPECT_EQ(stat.RegMode, info.regs[0x00]);
+    EXPECT_EQ(stat.RegErrWarnLimit, 96);
+    EXPECT_EQ(stat.RegRxErrCount, info.regs[0x0E]);
+    EXPECT_EQ(stat.RegTxErrCount, info.regs[0x0F]);
+    EXPECT_EQ(stat.RegStatus & 0x80, 0);  // not bus-off
+    EXPECT_LE(stat.CounterPercent, 100u);
+}
+
+TEST_F(CommandTest, StatusKeepsAddressesOfFailedReadsAndPercentFromCounters) {
+    OpenAndStart();
+    // Register reads answered with a bit-7-clear status, the status command itself correctly.
+    Sim().SetAckFault(vs::SimAckFault::kNoAcceptBit, 0x0D);
+    CAN_STAT stat;
+    memset(&stat, 0xCC, sizeof(stat));
+    Capture();
+    ASSERT_EQ(VCI_ReadCANStatus(kType, 0, 0, &stat), 1u);
+    std::string log = Log();
+    EXPECT_EQ(CountLines(log, std::regex(".*VCI_GetReference.*: Ack error: 12 0d [0-7][0-9a-f]")), 7) << log;
+    const unsigned char want[8] = {0x00, 0x00, 0x02, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F};
+    EXPECT_EQ(memcmp(&stat, want, 8), 0);
+    // A busy bus gives a percentage above zero: a generator keeps channel 0's bus loaded.
+    Sim().ClearFaults();
+    vs::SimGenConfig gen;
+    gen.dlc = 8;
+    Sim().StartGenerator(0, gen);
+    usleep(200000);
+    ASSERT_EQ(VCI_ReadCANStatus(kType, 0, 0, &stat), 1u);
+    EXPECT_GT(stat.CounterPercent, 0u);
+    EXPECT_LE(stat.CounterPercent, 100u);
+}
+
+TEST_F(CommandTest, BoardInfoFillsEveryFieldAndNothingBeyond) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    CAN_INFO info;
+    memset(&info, 0xCC, sizeof(info));
+    Sim().ClearSent();
+    ASSERT_EQ(VCI_ReadBoardInfo(kType, 0, &info), 1u);
+    EXPECT_EQ(Sim().Sent(vs::kEpCmdOut),
+              (std::vector<vs::Bytes>{Pkt({0x12, 0x01, 0x01, 0x00}), Pkt({0x12, 0x12, 0x01, 0x00}),
+                                      Pkt({0x12, 0x13, 0x01, 0x00}), Pkt({0x12, 0x14, 0x01, 0x00}),
+                                      Pkt({0x12, 0x15, 0x01, 0x00})}));
+    vs::SimIdentity id;
+    EXPECT_EQ(info.HardwareVersion, id.hw_version);
+    EXPECT_EQ(info.FirmwareVersion, id.fw_version);
+    EXPECT_EQ(info.DriverVersion, 0x0200);
+    EXPECT_EQ(info.ApiVersion, 0x0200);
+    EXPECT_EQ(info.IrqNumber, 0);
+    EXPECT_EQ(info.ChannelCount, 2);
+    EXPECT_STREQ(info.SerialNumber, vs::SimAdapter::DefaultSerial(0).c_str());
+    EXPECT_STREQ(info.IdText, id.id_text.c_str());
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&info);
+    for (size_t i = 31 + id.id_text.size() + 1; i < sizeof(info); ++i) ASSERT_EQ(raw[i], 0xCC) << i;
+}
+
+class LongIdentityTest : public LibTest {
+protected:
+    static std::vector<vs::SimIdentity> Ids() {
+        vs::SimIdentity id;
+        id.serial = "ABCDEFGHIJKLMN";  // 14 characters, the most an answer carries
+        id.id_text = "";
+        id.hw_version = 0x0210;
+        return {id};
+    }
+    LongIdentityTest() : LibTest(1, Ids()) {}
+};
+
+TEST_F(LongIdentityTest, TextsOfFourteenAndOfNoCharacters) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    CAN_INFO info;
+    memset(&info, 0xCC, sizeof(info));
+    ASSERT_EQ(VCI_ReadBoardInfo(kType, 0, &info), 1u);
+    EXPECT_STREQ(info.SerialNumber, "ABCDEFGHIJKLMN");
+    EXPECT_EQ(reinterpret_cast<unsigned char*>(&info)[25], 0);
+    EXPECT_EQ(info.IdText[0], '\0');
+    EXPECT_EQ(static_cast<unsigned char>(info.IdText[1]), 0xCC);
+    EXPECT_EQ(info.HardwareVersion, 0x0210);
+}
+
+TEST_F(CommandTest, BoardInfoStopsAtTheFirstBadAnswer) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    Sim().SetAckFault(vs::SimAckFault::kWrongCode, 0x13);
+    CAN_INFO info;
+    memset(&info, 0xCC, sizeof(info));
+    Sim().ClearSent();
+    Capture();
+    EXPECT_EQ(VCI_ReadBoardInfo(kType, 0, &info), 0u);
+    std::vector<std::string> problems = Problems(Log());
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_TRUE(std::regex_match(problems[0], std::regex("ERR unsigned int VCI_ReadBoardInfo\\(unsigned int, unsigned "
+                                                         "int, CAN_INFO\\*\\): Ack error: [0-9a-f]{2} "
+                                                         "(?!13)[0-9a-f]{2} [0-9a-f]{2}")))
+        << problems[0];
+    EXPECT_EQ(Sim().Sent(vs::kEpCmdOut).size(), 3u);  // the serial and id queries are not sent
+    EXPECT_EQ(info.HardwareVersion, vs::SimIdentity().hw_version);
+    EXPECT_EQ(info.FirmwareVersion, vs::SimIdentity().fw_version);
+    EXPECT_EQ(info.DriverVersion, 0xCCCC);
+    EXPECT_EQ(info.ChannelCount, 0xCC);
+}
+
+TEST_F(CommandTest, AcknowledgementJudging) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    CAN_INIT init = {};
+    init.BusTiming1 = 0x14;
+    // The filter packet's answer lacks bit 7: one Ack error, after the timing packet went through.
+    Sim().SetAckFault(vs::SimAckFault::kNoAcceptBit, 0x04, 1);
+    Capture();
+    EXPECT_EQ(VCI_InitCAN(kType, 0, 0, &init), 0u);
+    std::vector<std::string> p = Problems(Log());
+    ASSERT_EQ(p.size(), 1u);
+    EXPECT_TRUE(std::regex_match(p[0], std::regex(".*VCI_InitCAN.*: Ack error: [0-9a-f]{2} 04 [0-7][0-9a-f]"))) << p[0];
+
+    // Wrong code, then an answer of two bytes: byte 2 reads as 00, so it fails the test too.
+    Sim().SetAckFault(vs::SimAckFault::kWrongCode, 0x0E, 1);
+    Capture();
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
+    Sim().SetAckFault(vs::SimAckFault::kShort, 0x0E, 1);
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
+    p = Problems(Log());
+    ASSERT_EQ(p.size(), 2u);
+    EXPECT_TRUE(std::regex_match(p[0], std::regex(".*VCI_StartCAN.*: Ack error: [0-9a-f]{2} (?!0e)[0-9a-f]{2} .."))) << p[0];
+    EXPECT_TRUE(std::regex_match(p[1], std::regex(".*VCI_StartCAN.*: Ack error: [0-9a-f]{2} 0e 00"))) << p[1];
+
+    // A zero-length answer wakes the exchange at once with nothing: no acknowledgement.
+    Sim().SetAckFault(vs::SimAckFault::kZeroLength, 0x0E, 1);
+    Capture();
+    vs::SimTestbed::Now();
+    uint64_t t0 = vs::SimTestbed::Now();
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
+    uint64_t ms = (vs::SimTestbed::Now() - t0) / 1000000;
+    p = Problems(Log());
+    EXPECT_EQ(p, (std::vector<std::string>{"ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(ack) failed",
+                                           std::string("ERR ") + kStartSig + ": Cmd failed"}));
+    EXPECT_LT(ms, 900u);
+    // All good again afterwards.
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 1u);
+}
+
+TEST_F(CommandTest, SilentAdapterTakesTheAckWait) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    Sim().SetAckFault(vs::SimAckFault::kNoAck);
+    unsigned char ref[1] = {0x0E};
+    Capture();
+    uint64_t t0 = vs::SimTestbed::Now();
+    EXPECT_EQ(VCI_GetReference(kType, 0, 0, 1, ref), 0u);
+    uint64_t ms = (vs::SimTestbed::Now() - t0) / 1000000;
+    EXPECT_EQ(Problems(Log()), (std::vector<std::string>{"ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(ack) failed",
+                                                         std::string("ERR ") + kRefSig + ": Cmd failed"}));
+    EXPECT_EQ(ref[0], 0x0E);  // the address is kept
+    EXPECT_GE(ms, 950u);
+    EXPECT_LT(ms, 2000u);
+    // A late answer of an earlier exchange is not mistaken for the next one's: the adapter is
+    // silent no more, and the next exchange gets its own answer.
+    Sim().ClearFaults();
+    EXPECT_EQ(VCI_GetReference(kType, 0, 0, 1, ref), 1u);
+}
+
+TEST_F(CommandTest, OutTransferThatNeverCompletesOrStalls) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    Sim().SetOutFault(vs::kEpCmdOut, vs::SimOutFault::kNever);
+    Capture();
+    uint64_t t0 = vs::SimTestbed::Now();
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 1), 0u);
+    uint64_t ms = (vs::SimTestbed::Now() - t0) / 1000000;
+    std::vector<std::string> p = Problems(Log());
+    // libusb ends the packet after its 1000 ms timeout (status 2); the wait runs its 2000 ms.
+    EXPECT_EQ(p, (std::vector<std::string>{
+                     "WRN void CanDev::UsbXferDone(CanXfer*): xfer failed: ep=0x01, status=2, size=0",
+                     "ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(cmd) failed",
+                     std::string("ERR ") + kStartSig + ": Cmd failed"}));
+    EXPECT_GE(ms, 1950u);
+    EXPECT_LT(ms, 3500u);
+
+    Sim().SetOutFault(vs::kEpCmdOut, vs::SimOutFault::kStall);
+    Capture();
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 1), 0u);
+    p = Problems(Log());
+    ASSERT_EQ(p.size(), 3u);
+    EXPECT_EQ(p[0], "WRN void CanDev::UsbXferDone(CanXfer*): xfer failed: ep=0x01, status=4, size=0");
+    EXPECT_EQ(p[1], "ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(cmd) failed");
+}
+
+TEST_F(CommandTest, TracesAndDumpsUnderTheirMasks) {
+    OpenAndStart();
+    CAN_STAT stat;
+    VCI_Debug(0x1);
+    Capture();
+    ASSERT_EQ(VCI_ReadCANStatus(kType, 0, 1, &stat), 1u);
+    std::string log = Log();
+    VCI_Debug(0);
+    const char* statSig = "unsigned int VCI_ReadCANStatus(unsigned int, unsigned int, unsigned int, CAN_STAT*)";
+    EXPECT_EQ(CountLines(log, LineRe("DBG", statSig, "+++ Type=4, Card=0, Port=1")), 1) << log;
+    EXPECT_EQ(CountLines(log, LineRe("DBG", statSig, "--- ret=1")), 1);
+    EXPECT_EQ(CountLines(log, LineRe("DBG", kRefSig, "+++ Type=4, Card=0, Port=1")), 7);
+    EXPECT_EQ(CountLines(log, LineRe("DBG", kRefSig, "--- ret=1")), 7);
+    EXPECT_EQ(CountLines(log, LineRe("DBG", "int CanDev::Cmd(U8*, U32, U8*, U32*, U32)", "xfer(cmd): size=6")), 7);
+    EXPECT_EQ(CountLines(log, LineRe("DBG", "int CanDev::Cmd(U8*, U32, U8*, U32*, U32)", "xfer(cmd): size=5")), 1);
+
+    gdbg = 0x10;
+    unsigned char ref[1] = {0x0E};
+    Capture();
+    ASSERT_EQ(VCI_GetReference(kType, 0, 1, 1, ref), 1u);
+    log = Log();
+    gdbg = 0;
+    EXPECT_EQ(CountLines(log, LineRe("DBG", "int CanDev::Cmd(U8*, U32, U8*, U32*, U32)", "cmd: 12 0d 03 00 10 0e ")), 1)
+        << log;
+    EXPECT_EQ(CountLines(log, std::regex(".*<[0-9]+>: ack: 12 0d 8. .. .. .*")), 1) << log;
+    // The init call traces its configuration.
+    CAN_INIT init = {};
+    init.AcceptCode = 0x12345678;
+    init.AcceptMask = 0xFFFFFFFF;
+    init.BusTiming1 = 0x14;
+    VCI_Debug(1);
+    Capture();
+    ASSERT_EQ(VCI_InitCAN(kType, 0, 0, &init), 1u);
+    log = Log();
+    VCI_Debug(0);
+    EXPECT_EQ(CountLines(log, LineRe("DBG", kInitSig,
+                                     "ACC=0x12345678, ACM=0xffffffff, AFM=0x00, T0=0x00, T1=0x14, LOM=0x00")),
+              1)
+        << log;
+}

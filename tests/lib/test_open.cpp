@@ -1,0 +1,263 @@
+// Opening and closing adapters, the registry, the argument and device checks of every call, and
+// unplugging.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+
+#include "LibFixture.h"
+
+using OpenTest = LibTest;
+
+TEST_F(OpenTest, CloseResetsBothChannelsOrOnlyChannel0ForType3) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    Sim().ClearSent();
+    EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+    EXPECT_EQ(Sim().Sent(vs::kEpCmdOut),
+              (std::vector<vs::Bytes>{Pkt({0x12, 0x0F, 0x12, 0x00, 0x00}), Pkt({0x12, 0x0F, 0x12, 0x00, 0x10})}));
+    // Closed: the index is free again.
+    Capture();
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
+    EXPECT_EQ(Problems(Log()), std::vector<std::string>{
+                                   "ERR unsigned int VCI_StartCAN(unsigned int, unsigned int, unsigned int): "
+                                   "device not opened"});
+
+    ASSERT_EQ(VCI_OpenDevice(3, 0, 12345), 1u);  // the third argument is ignored
+    Sim().ClearSent();
+    EXPECT_EQ(VCI_CloseDevice(3, 0), 1u);
+    EXPECT_EQ(Sim().Sent(vs::kEpCmdOut), (std::vector<vs::Bytes>{Pkt({0x12, 0x0F, 0x12, 0x00, 0x00})}));
+    // Closing what is not open is no error.
+    Capture();
+    EXPECT_EQ(VCI_CloseDevice(kType, 7), 1u);
+    EXPECT_EQ(Log(), "");
+}
+
+TEST_F(OpenTest, SecondOpenWarnsAndKeepsTheDevice) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    Capture();
+    EXPECT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    EXPECT_EQ(Problems(Log()),
+              std::vector<std::string>{"WRN unsigned int VCI_OpenDevice(unsigned int, unsigned int, unsigned int): "
+                                       "device opened: Type=4, Card=0"});
+    EXPECT_EQ(VCI_ResetCAN(kType, 0, 1), 1u);
+    EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+    EXPECT_EQ(VCI_ResetCAN(kType, 0, 1), 0u);
+}
+
+TEST_F(OpenTest, IndexAbove31OpensButChannelCallsRefuseIt) {
+    // 65536 selects position 0 (its low 16 bits) but is registered whole.
+    ASSERT_EQ(VCI_OpenDevice(kType, 65536, 0), 1u);
+    Capture();
+    EXPECT_EQ(VCI_StartCAN(kType, 65536, 0), 0u);
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
+    EXPECT_EQ(Problems(Log()),
+              (std::vector<std::string>{
+                  "ERR unsigned int VCI_StartCAN(unsigned int, unsigned int, unsigned int): invalid parameters",
+                  "ERR unsigned int VCI_StartCAN(unsigned int, unsigned int, unsigned int): device not opened"}));
+    // Index 0 is a different key for the same adapter position, whose interface is taken.
+    Capture();
+    EXPECT_EQ(VCI_OpenDevice(kType, 0, 0), 0u);
+    std::vector<std::string> p = Problems(Log());
+    ASSERT_EQ(p.size(), 2u);
+    EXPECT_TRUE(p[0].rfind("ERR int CanDev::Open(U16, U16, U16): libusb_claim_interface failed: ret=-", 0) == 0) << p[0];
+    Sim().ClearSent();
+    Capture();
+    EXPECT_EQ(VCI_CloseDevice(kType, 65536), 1u);  // its resets fail and are ignored
+    EXPECT_EQ(CountLines(Log(), LineRe("ERR", "unsigned int VCI_ResetCAN(unsigned int, unsigned int, unsigned int)",
+                                       "invalid parameters")),
+              2);
+    EXPECT_TRUE(Sim().Sent(vs::kEpCmdOut).empty());
+}
+
+// Every call checks its arguments first, then the device, and touches nothing when either fails.
+TEST_F(OpenTest, EveryCallRejectsBadArgumentsAndUnopenedIndexes) {
+    CAN_INIT init = {};
+    CAN_OBJ frames[2] = {};
+    CAN_INFO info;
+    CAN_STAT stat;
+    CAN_ERR err;
+    unsigned char ref[2] = {0, 0};
+    memset(&info, 0xCC, sizeof(info));
+    memset(&stat, 0xCC, sizeof(stat));
+    memset(&err, 0xCC, sizeof(err));
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    Sim().ClearSent();
+    Capture();
+    // Out of range or null: invalid parameters, whether or not the device is open.
+    EXPECT_EQ(VCI_InitCAN(kType, 32, 0, &init), 0u);
+    EXPECT_EQ(VCI_InitCAN(kType, 0, 2, &init), 0u);
+    EXPECT_EQ(VCI_InitCAN(kType, 0, 0, nullptr), 0u);
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 2), 0u);
+    EXPECT_EQ(VCI_ResetCAN(kType, 32, 0), 0u);
+    EXPECT_EQ(VCI_Transmit(kType, 0, 2, frames, 1), 0u);
+    EXPECT_EQ(VCI_Transmit(kType, 0, 0, nullptr, 1), 0u);
+    EXPECT_EQ(VCI_Transmit(kType, 0, 0, frames, 0), 0u);
+    EXPECT_EQ(VCI_Receive(kType, 0, 0, nullptr, 1, 0), 0u);
+    EXPECT_EQ(VCI_Receive(kType, 0, 0, frames, 0, 0), 0u);
+    EXPECT_EQ(VCI_GetReceiveNum(kType, 0, 2), 0u);
+    EXPECT_EQ(VCI_ClearBuffer(kType, 32, 0), 0u);
+    EXPECT_EQ(VCI_ReadBoardInfo(kType, 32, &info), 0u);
+    EXPECT_EQ(VCI_ReadBoardInfo(kType, 0, nullptr), 0u);
+    EXPECT_EQ(VCI_ReadCANStatus(kType, 0, 2, &stat), 0u);
+    EXPECT_EQ(VCI_ReadCANStatus(kType, 0, 0, nullptr), 0u);
+    EXPECT_EQ(VCI_GetReference(kType, 0, 0, 2, ref), 0u);
+    EXPECT_EQ(VCI_GetReference(kType, 0, 0, 0, ref), 0u);
+    EXPECT_EQ(VCI_SetReference(kType, 0, 0, 1, nullptr), 0u);
+    EXPECT_EQ(VCI_ReadErrInfo(kType, 0, 2, &err), 0u);
+    EXPECT_EQ(VCI_ReadErrInfo(kType, 0, static_cast<unsigned>(-2), &err), 0u);
+    EXPECT_EQ(VCI_ReadErrInfo(kType, 0, 0, nullptr), 0u);
+    std::string log = Log();
+    EXPECT_EQ(CountLines(log, std::regex(".*: vexlo: ERR: .*<[0-9]+>: invalid parameters")), 22) << log;
+    EXPECT_EQ(Problems(log).size(), 22u) << log;
+
+    // In range but not open: device not opened.
+    Capture();
+    EXPECT_EQ(VCI_InitCAN(kType, 5, 0, &init), 0u);
+    EXPECT_EQ(VCI_StartCAN(kType, 31, 1), 0u);
+    EXPECT_EQ(VCI_ResetCAN(kType, 5, 0), 0u);
+    EXPECT_EQ(VCI_Transmit(kType, 5, 0, frames, 1), 0u);
+    EXPECT_EQ(VCI_Receive(kType, 5, 0, frames, 1, 0), 0u);
+    EXPECT_EQ(VCI_GetReceiveNum(kType, 5, 0), 0u);
+    EXPECT_EQ(VCI_ClearBuffer(kType, 5, 0), 0u);
+    EXPECT_EQ(VCI_ReadBoardInfo(kType, 5, &info), 0u);
+    EXPECT_EQ(VCI_ReadCANStatus(kType, 5, 0, &stat), 0u);
+    EXPECT_EQ(VCI_GetReference(kType, 5, 0, 1, ref), 0u);
+    EXPECT_EQ(VCI_SetReference(kType, 5, 0, 1, ref), 0u);
+    EXPECT_EQ(VCI_ReadErrInfo(kType, 5, static_cast<unsigned>(-1), &err), 0u);
+    log = Log();
+    EXPECT_EQ(CountLines(log, std::regex(".*: vexlo: ERR: .*<[0-9]+>: device not opened")), 12) << log;
+    EXPECT_EQ(Problems(log).size(), 12u) << log;
+
+    // Nothing reached the adapter and no record was written.
+    EXPECT_TRUE(Sim().SentAll().empty());
+    for (size_t i = 0; i < sizeof(info); ++i) ASSERT_EQ(reinterpret_cast<unsigned char*>(&info)[i], 0xCC);
+    for (size_t i = 0; i < sizeof(stat); ++i) ASSERT_EQ(reinterpret_cast<unsigned char*>(&stat)[i], 0xCC);
+    for (size_t i = 0; i < sizeof(err); ++i) ASSERT_EQ(reinterpret_cast<unsigned char*>(&err)[i], 0xCC);
+}
+
+class NoAdapterTest : public LibTest {
+protected:
+    NoAdapterTest() : LibTest(0) {}
+};
+
+TEST_F(NoAdapterTest, OpenFailsWithItsErrorsOnly) {
+    Capture();
+    EXPECT_EQ(VCI_OpenDevice(kType, 0, 0), 0u);
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
+    std::string log = Log();
+    EXPECT_EQ(Problems(log),
+              (std::vector<std::string>{
+                  "ERR int CanDev::Open(U16, U16, U16): invalid index: index=0, found=0",
+                  "ERR unsigned int VCI_OpenDevice(unsigned int, unsigned int, unsigned int): Open(0471:1200, 0) failed",
+                  "ERR unsigned int VCI_StartCAN(unsigned int, unsigned int, unsigned int): device not opened"}))
+        << log;
+    // With the mask at 0 nothing else is written.
+    EXPECT_EQ(CountLines(log, std::regex(".*")), 3);
+}
+
+class TwoAdapterTest : public LibTest {
+protected:
+    TwoAdapterTest() : LibTest(2) {}
+};
+
+TEST_F(TwoAdapterTest, PositionsSelectDifferentAdapters) {
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    ASSERT_EQ(VCI_OpenDevice(kType, 1, 0), 1u);
+    CAN_INFO a, b;
+    ASSERT_EQ(VCI_ReadBoardInfo(kType, 0, &a), 1u);
+    ASSERT_EQ(VCI_ReadBoardInfo(kType, 1, &b), 1u);
+    EXPECT_STREQ(a.SerialNumber, vs::SimAdapter::DefaultSerial(0).c_str());
+    EXPECT_STREQ(b.SerialNumber, vs::SimAdapter::DefaultSerial(1).c_str());
+    EXPECT_STRNE(a.SerialNumber, b.SerialNumber);
+    // Commands reach the adapter of their own index only.
+    Sim(0).ClearSent();
+    Sim(1).ClearSent();
+    EXPECT_EQ(VCI_ResetCAN(kType, 1, 1), 1u);
+    EXPECT_TRUE(Sim(0).Sent(vs::kEpCmdOut).empty());
+    EXPECT_EQ(Sim(1).Sent(vs::kEpCmdOut), std::vector<vs::Bytes>{Pkt({0x12, 0x0F, 0x12, 0x00, 0x10})});
+
+    Capture();
+    EXPECT_EQ(VCI_OpenDevice(kType, 2, 0), 0u);
+    EXPECT_EQ(Problems(Log())[0], "ERR int CanDev::Open(U16, U16, U16): invalid index: index=2, found=2");
+    // Closing one leaves the other working.
+    EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+    EXPECT_EQ(VCI_ReadBoardInfo(kType, 1, &b), 1u);
+    EXPECT_EQ(VCI_CloseDevice(kType, 1), 1u);
+}
+
+// File descriptors of this process that refer to a simulated usbfs node.
+static int OpenUsbNodes() {
+    int n = 0;
+    DIR* d = opendir("/proc/self/fd");
+    if (!d) return -1;
+    while (dirent* e = readdir(d)) {
+        char path[300], target[PATH_MAX];
+        snprintf(path, sizeof(path), "/proc/self/fd/%s", e->d_name);
+        ssize_t len = readlink(path, target, sizeof(target) - 1);
+        if (len <= 0) continue;
+        target[len] = '\0';
+        if (strstr(target, "/dev/bus/usb/")) ++n;
+    }
+    closedir(d);
+    return n;
+}
+
+// Opens and closes many times: right after the open, with the other channel streaming, and idle.
+// Run under AddressSanitizer as well, where a transfer record used after it was freed fails it.
+TEST_F(OpenTest, CloseIsCleanAcrossManyCycles) {
+    vs::SimGenConfig gen;
+    gen.rate = 5000;
+    gen.dlc = 8;
+    const int cycles = 200;
+    const int baseline = OpenUsbNodes();  // the simulator's own hold on its nodes
+    for (int i = 0; i < cycles; ++i) {
+        ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u) << "cycle " << i;
+        if (i % 3 == 1) {
+            CAN_INIT init = {};
+            init.AcceptMask = 0xFFFFFFFF;
+            init.BusTiming1 = 0x14;
+            ASSERT_EQ(VCI_InitCAN(kType, 0, 1, &init), 1u);
+            ASSERT_EQ(VCI_StartCAN(kType, 0, 1), 1u);
+            Sim().StartGenerator(1, gen);
+            usleep(2000);
+        }
+        EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+        Sim().StopGenerator(1);
+        ASSERT_EQ(OpenUsbNodes(), baseline) << "cycle " << i;
+    }
+}
+
+TEST_F(OpenTest, UnplugWhileOpenFailsCallsAndCloseReturns) {
+    const int baseline = OpenUsbNodes();
+    OpenAndStart();
+    vs::SimGenConfig gen;
+    gen.rate = 2000;
+    Sim().StartGenerator(1, gen);
+    usleep(20000);
+    ASSERT_TRUE(Sim().Unplug());
+    Capture();
+    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
+    CAN_INFO info;
+    EXPECT_EQ(VCI_ReadBoardInfo(kType, 0, &info), 0u);
+    CAN_OBJ f = {};
+    EXPECT_EQ(VCI_Transmit(kType, 0, 0, &f, 1), 0u);
+    std::string log = Log();
+    EXPECT_GE(CountLines(log, LineRe("ERR", "unsigned int VCI_StartCAN(unsigned int, unsigned int, unsigned int)",
+                                     "Cmd failed")),
+              1)
+        << log;
+    EXPECT_GE(CountLines(log, LineRe("ERR", "unsigned int VCI_Transmit(unsigned int, unsigned int, unsigned int, "
+                                            "CAN_OBJ*, unsigned int)",
+                                     "Send failed")),
+              1)
+        << log;
+    // Frames received before the unplug are still there to read; close returns.
+    EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+    EXPECT_LE(OpenUsbNodes(), baseline);
+    // Plugged in again, it opens afresh.
+    ASSERT_TRUE(Sim().Replug());
+    for (int i = 0; i < 100 && VCI_OpenDevice(kType, 0, 0) != 1; ++i) usleep(20000);
+    EXPECT_EQ(VCI_ResetCAN(kType, 0, 0), 1u);
+    EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+}
