@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The main job on a fresh machine: installs what it needs, builds, and runs the demo program
-# against the simulated adapter. Set VEXLO_DEBUG=0x21 (a gdbg mask) to see the library's trace.
+# against the simulated adapter. Arguments go to the demo (-n FRAMES, -q, -d MASK).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
