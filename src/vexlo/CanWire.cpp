@@ -39,24 +39,31 @@ bool CanNotice(const CAN_OBJX* rec, CAN_ERR* err) {
     return true;
 }
 
-// The shared records are 8 bytes and 8-byte aligned (CanDev declares them so), which makes the
-// generic __atomic builtins lock-free whole-record operations.
+// The shared records are 8 bytes and 8-byte aligned (CanDev declares them so): each is read,
+// replaced and exchanged as one lock-free 64-bit atomic word.
+typedef U64 __attribute__((may_alias)) CanErrWord;
+static_assert(sizeof(CAN_ERR) == sizeof(CanErrWord), "an error record is one 64-bit word");
+
+static CanErrWord* CanErrWordOf(CAN_ERR* rec) { return reinterpret_cast<CanErrWord*>(rec); }
+
 bool CanNoticeShared(const CAN_OBJX* rec, CAN_ERR* shared) {
-    CAN_ERR cur;
-    __atomic_load(shared, &cur, __ATOMIC_ACQUIRE);
+    CanErrWord* word = CanErrWordOf(shared);
+    CanErrWord cur = __atomic_load_n(word, __ATOMIC_ACQUIRE);
     for (;;) {
-        CAN_ERR next = cur;
+        CAN_ERR next;
+        memcpy(&next, &cur, sizeof(next));
         if (!CanNotice(rec, &next)) return false;
-        if (__atomic_compare_exchange(shared, &cur, &next, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) return true;
+        CanErrWord want;
+        memcpy(&want, &next, sizeof(want));
+        if (__atomic_compare_exchange_n(word, &cur, want, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) return true;
     }
 }
 
 CAN_ERR CanErrTake(CAN_ERR* shared) {
-    CAN_ERR zero;
-    memset(&zero, 0, sizeof(zero));
-    CAN_ERR old;
-    __atomic_exchange(shared, &zero, &old, __ATOMIC_ACQ_REL);
-    return old;
+    CanErrWord old = __atomic_exchange_n(CanErrWordOf(shared), static_cast<CanErrWord>(0), __ATOMIC_ACQ_REL);
+    CAN_ERR rec;
+    memcpy(&rec, &old, sizeof(rec));
+    return rec;
 }
 
 CanGatherStep CanGather(U8* cache, U32* cachelen, const U8* data, U32 len, CanGatherOut* out) {
