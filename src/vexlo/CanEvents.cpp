@@ -15,6 +15,8 @@ int CanDev::Arm(CanXfer* xfer) {
 void* CanDev::UsbThread(bool* stop, void* arg) {
     CanDev* dev = static_cast<CanDev*>(arg);
     XDBG(XLOG_GENERAL, "+++ tid=0x%lx\n", static_cast<unsigned long>(pthread_self()));
+    // Named so that it can be told apart in top, gdb and the benchmarks' per-thread accounts.
+    pthread_setname_np(pthread_self(), "vexlo-usb");
     const int arm[2] = {CAN_XFER_CMD_IN, CAN_XFER_DATA_IN};
     for (int i : arm) {
         CanXfer* xfer = dev->GetXfer(i);
