@@ -95,6 +95,7 @@ void SimUsbDevice::OnClientGone(gpointer data, GObject*) {
             }
         }
     }
+    if (dev->claimed_by_ == c) dev->claimed_by_ = nullptr;
     dev->done_total_ -= c->done.size();
     for (Urb* u : c->done) dev->Free(u);
     dev->clients_.erase(c->key);
@@ -155,8 +156,20 @@ gboolean SimUsbDevice::Handle(UMockdevIoctlClient* client) {
         unsigned int iface = 0;
         std::memcpy(&iface, d->data, sizeof iface);
         g_object_unref(d);
-        if (iface != 0) Fail(client, EINVAL);
-        else umockdev_ioctl_client_complete(client, 0, 0);
+        if (iface != 0) {
+            Fail(client, EINVAL);
+        } else if (req == USBDEVFS_CLAIMINTERFACE) {
+            // Another open file holding the interface keeps it: the second claim is refused.
+            if (claimed_by_ && claimed_by_ != c) {
+                Fail(client, EBUSY);
+                return TRUE;
+            }
+            claimed_by_ = c;
+            umockdev_ioctl_client_complete(client, 0, 0);
+        } else {
+            if (claimed_by_ == c) claimed_by_ = nullptr;
+            umockdev_ioctl_client_complete(client, 0, 0);
+        }
         return TRUE;
     }
     case USBDEVFS_CLEAR_HALT:

@@ -82,6 +82,7 @@ private:
     std::string node_;
     SimReadiness ready_;
     bool gone_ = false;
+    const void* claimed_by_ = nullptr;  // the client holding interface 0, as usbfs keeps it per file
     size_t done_total_ = 0;
     std::map<UMockdevIoctlClient*, Client*> clients_;
     std::deque<Urb*> armed_[4];  // URBs waiting on 0x01, 0x81, 0x02, 0x82
