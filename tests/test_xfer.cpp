@@ -46,10 +46,13 @@ TEST(Xfer, CaptureGrowsNeverShrinksAndCopiesOnlyWhenAsked) {
     EXPECT_EQ(x.GetData()[2], 3);
     EXPECT_EQ(x.GetData()[3], 0x13);
 
-    // Zero bytes: the count is 0, the area untouched.
+    // Zero bytes: the count is 0, the area untouched, but a completion was captured.
+    x.ClrSize();
+    EXPECT_FALSE(x.Captured());
     Complete(x, short_ack, 0);
     x.Capture(true);
     EXPECT_EQ(x.GetSize(), 0u);
+    EXPECT_TRUE(x.Captured());
     EXPECT_EQ(x.GetData()[0], 1);
 
     // Without copy only the count is recorded.
@@ -60,6 +63,7 @@ TEST(Xfer, CaptureGrowsNeverShrinksAndCopiesOnlyWhenAsked) {
     EXPECT_EQ(x.GetData()[0], 1);
     x.ClrSize();
     EXPECT_EQ(x.GetSize(), 0u);
+    EXPECT_FALSE(x.Captured());
 }
 
 static void NoCallback(libusb_transfer*) {}

@@ -20,7 +20,7 @@ int CanDev::Cmd(U8* cmd, U32 cmdlen, U8* ack, U32* acklen, U32 timeout) {
         in->ClrSize();
         out->Setup(cmd, static_cast<int>(cmdlen), UsbXferCb, timeout);
         out->Submit();
-        if (out->GetSize() == 0) out->Wait(static_cast<int>(timeout + 1000));
+        if (!out->Captured()) out->Wait(static_cast<int>(timeout + 1000));
         U32 sent = out->GetSize();
         XDBG(XLOG_GENERAL, "xfer(cmd): size=%d\n", sent);
         out->Cancel();
@@ -32,7 +32,7 @@ int CanDev::Cmd(U8* cmd, U32 cmdlen, U8* ack, U32* acklen, U32 timeout) {
         }
 
         in->Lock();
-        if (in->GetSize() == 0) in->Wait(static_cast<int>(timeout));
+        if (!in->Captured()) in->Wait(static_cast<int>(timeout));
         U32 got = in->GetSize();
         XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
         result = got != 0 ? 0 : -1;

@@ -22,7 +22,7 @@ int CanDev::Send(CAN_OBJX* recs, U32* count, U32 timeout) {
         in->ClrSize();
         out->Setup(recs, static_cast<int>(bytes), UsbXferCb, timeout);
         out->Submit();
-        if (out->GetSize() == 0) out->Wait(static_cast<int>(timeout + 1000));
+        if (!out->Captured()) out->Wait(static_cast<int>(timeout + 1000));
         U32 sent = out->GetSize();
         XDBG(XLOG_GENERAL, "xfer(tx): size=%d\n", sent);
         out->Cancel();
@@ -34,7 +34,7 @@ int CanDev::Send(CAN_OBJX* recs, U32* count, U32 timeout) {
         }
 
         in->Lock();
-        if (in->GetSize() == 0) in->Wait(static_cast<int>(timeout));
+        if (!in->Captured()) in->Wait(static_cast<int>(timeout));
         U32 got = in->GetSize();
         XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
         XDUMP(XLOG_DUMP, "ack: ", in->GetData(), got);

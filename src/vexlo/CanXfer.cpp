@@ -4,7 +4,7 @@
 
 #include "CanDev.h"
 
-CanXfer::CanXfer() : xfer_(nullptr), dev_(nullptr), ep_(0), size_(0), inflight_(false) {
+CanXfer::CanXfer() : xfer_(nullptr), dev_(nullptr), ep_(0), size_(0), captured_(false), inflight_(false) {
     XDBG(XLOG_XFER, "+++\n");
     xfer_ = libusb_alloc_transfer(0);
     if (!xfer_) XERR("libusb_alloc_transfer failed\n");
@@ -60,7 +60,9 @@ void CanXfer::Capture(bool copy) {
     XDBG(XLOG_XFER, "*** ep=0x%02x\n", ep_);
     U32 n = xfer_->actual_length > 0 ? static_cast<U32>(xfer_->actual_length) : 0;
     __atomic_store_n(&size_, n, __ATOMIC_RELEASE);
-    if (n == 0 || !copy) return;
-    if (data_.size() < n) data_.resize(n);
-    memcpy(data_.data(), xfer_->buffer, n);
+    if (n != 0 && copy) {
+        if (data_.size() < n) data_.resize(n);
+        memcpy(data_.data(), xfer_->buffer, n);
+    }
+    __atomic_store_n(&captured_, true, __ATOMIC_RELEASE);
 }

@@ -36,8 +36,15 @@ public:
     CanDev* GetDev() { return dev_; }
     U8* GetData() { return data_.empty() ? nullptr : data_.data(); }
     U32 GetSize() const { return __atomic_load_n(&size_, __ATOMIC_ACQUIRE); }
-    // A single 32-bit store, made without the lock by the exchanges before they send.
-    void ClrSize() { __atomic_store_n(&size_, 0, __ATOMIC_RELEASE); }
+    // Made without the lock by the exchanges before they send: forgets the last completion.
+    void ClrSize() {
+        __atomic_store_n(&size_, 0, __ATOMIC_RELEASE);
+        __atomic_store_n(&captured_, false, __ATOMIC_RELEASE);
+    }
+    // True once a completion has been captured since ClrSize, even one of zero bytes: a waiter
+    // tests this, not the size, so that an empty answer that comes before it looks is not
+    // mistaken for no answer at all.
+    bool Captured() const { return __atomic_load_n(&captured_, __ATOMIC_ACQUIRE); }
 
     // True from a successful Submit until its completion has been delivered (under the lock).
     bool InFlight() const { return inflight_; }
@@ -49,5 +56,6 @@ public:
     std::vector<U8> buffer_;
     std::vector<U8> data_;
     U32 size_;
+    bool captured_;
     bool inflight_;
 };

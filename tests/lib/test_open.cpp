@@ -58,8 +58,9 @@ TEST_F(OpenTest, IndexAbove31OpensButChannelCallsRefuseIt) {
     // Index 0 is a different key for the same adapter position, whose interface is taken.
     Capture();
     EXPECT_EQ(VCI_OpenDevice(kType, 0, 0), 0u);
-    std::vector<std::string> p = Problems(Log());
-    ASSERT_EQ(p.size(), 2u);
+    std::string log = Log();
+    std::vector<std::string> p = Problems(log);
+    ASSERT_EQ(p.size(), 2u) << log;
     EXPECT_TRUE(p[0].rfind("ERR int CanDev::Open(U16, U16, U16): libusb_claim_interface failed: ret=-", 0) == 0) << p[0];
     Sim().ClearSent();
     Capture();
