@@ -41,6 +41,11 @@ void XLogStdout(const char* text, size_t len);
     do {                                                                       \
         if (XLogOn(bits)) XLogWrite("DBG", __PRETTY_FUNCTION__, __LINE__, fmt, ##__VA_ARGS__); \
     } while (0)
+// The same, on behalf of the named function and line (helpers that write a caller's lines).
+#define XDBG_AT(bits, func, line, fmt, ...)                                    \
+    do {                                                                       \
+        if (XLogOn(bits)) XLogWrite("DBG", func, line, fmt, ##__VA_ARGS__);    \
+    } while (0)
 #define XWRN(fmt, ...) XLogWrite("WRN", __PRETTY_FUNCTION__, __LINE__, fmt, ##__VA_ARGS__)
 #define XERR(fmt, ...) XLogWrite("ERR", __PRETTY_FUNCTION__, __LINE__, fmt, ##__VA_ARGS__)
 #define XDUMP(bits, head, bytes, n)                                            \

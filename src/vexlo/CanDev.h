@@ -88,6 +88,14 @@ public:
     static bool usbinit_;
 
 private:
+    // The two halves of every exchange on the command IN endpoint. PostOut clears the command IN
+    // transfer's record (so only an answer to this packet counts), sends the caller's `len` bytes
+    // on `out`, waits at most timeout + 1000 ms for the completion and returns the bytes sent
+    // (0 when the transfer failed, timed out or could not be submitted); the packet is let go
+    // before it returns. AwaitAck waits at most `timeout` ms for the answer and returns with the
+    // command IN transfer locked, for the caller to read and unlock.
+    U32 PostOut(CanXfer* out, void* pkt, U32 len, U32 timeout);
+    CanXfer* AwaitAck(U32 timeout);
     // Submits transfer `xfer` unless the device is closing; caller holds the transfer's lock.
     int Arm(CanXfer* xfer);
     // Waits, pumping libusb events, until the transfer's completion has been delivered.

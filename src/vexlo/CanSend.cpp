@@ -15,26 +15,14 @@ int CanDev::Send(CAN_OBJX* recs, U32* count, U32 timeout) {
         XDUMP(XLOG_DUMP, "tx: ", reinterpret_cast<const U8*>(recs), CAN_REC_SIZE);
 
         const U32 bytes = CAN_REC_SIZE * n;
-        CanXfer* out = GetXfer(CAN_XFER_DATA_OUT);
-        CanXfer* in = GetXfer(CAN_XFER_CMD_IN);
-        out->Lock();
-        out->ClrSize();
-        in->ClrSize();
-        out->Setup(recs, static_cast<int>(bytes), UsbXferCb, timeout);
-        out->Submit();
-        if (!out->Captured()) out->Wait(static_cast<int>(timeout + 1000));
-        U32 sent = out->GetSize();
+        U32 sent = PostOut(GetXfer(CAN_XFER_DATA_OUT), recs, bytes, timeout);
         XDBG(XLOG_GENERAL, "xfer(tx): size=%d\n", sent);
-        out->Cancel();
-        WaitDelivered(out, static_cast<int>(timeout + 1000));
-        out->Unlock();
         if (sent != bytes) {
             XERR("xfer(tx) failed\n");
             break;
         }
 
-        in->Lock();
-        if (!in->Captured()) in->Wait(static_cast<int>(timeout));
+        CanXfer* in = AwaitAck(timeout);
         U32 got = in->GetSize();
         XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
         XDUMP(XLOG_DUMP, "ack: ", in->GetData(), got);
