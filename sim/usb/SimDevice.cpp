@@ -1,5 +1,8 @@
 #include "usb/SimDevice.h"
 
+#include <algorithm>
+#include <cstdint>
+
 #include "usb/SimTestbed.h"
 #include "usb/SimUsbDevice.h"
 
@@ -22,7 +25,9 @@ bool SimDevice::Plug() {
         adapter_ = std::move(fresh);
         SimTestbed* bed = bed_;
         plugs_.push_back(std::make_unique<SimUsbDevice>(&bed_->mu_, adapter_.get(), &log_,
-                                                        &SimTestbed::Now, [bed] { bed->Kick(); }));
+                                                        &SimTestbed::Now, [this, bed] {
+                                                            bed->WakeBy(NeedsBy(SimTestbed::Now()));
+                                                        }));
         usb = plugs_.back().get();
     }
     std::string syspath;
@@ -30,6 +35,7 @@ bool SimDevice::Plug() {
     Lock lock(bed_->mu_);
     syspaths_.push_back(syspath);
     plugged_ = true;
+    bed_->Kick();  // anything the host started before this is timed from now on
     return true;
 }
 
@@ -59,10 +65,12 @@ void SimDevice::Tick(uint64_t now) {
     plugs_.back()->Pump(now);
 }
 
-bool SimDevice::Busy() const { return plugged_ && adapter_->Busy(); }
-
-uint64_t SimDevice::NextDue() const {
-    return plugged_ && adapter_->AckWaiting() ? adapter_->NextAckDue() : 0;
+uint64_t SimDevice::NeedsBy(uint64_t now) const {
+    uint64_t due = UINT64_MAX;
+    if (!plugged_) return due;
+    if (adapter_->AckWaiting() && adapter_->NextAckDue() > now) due = adapter_->NextAckDue();
+    if (adapter_->Busy()) due = std::min(due, now + SimTestbed::kTickNs);
+    return due;
 }
 
 std::vector<Bytes> SimDevice::Sent(uint8_t ep) const {

@@ -75,8 +75,10 @@ public:
 
     // For the testbed, lock held.
     void Tick(uint64_t now);
-    bool Busy() const;
-    uint64_t NextDue() const;  // earliest delayed answer, 0 if none
+    // When the engine must look at this adapter again: the next answer due after `now`, or a
+    // tick ahead while its bus is busy; UINT64_MAX if nothing waits on time. An answer already
+    // due waits for the host's IN transfer, whose submission hands it over.
+    uint64_t NeedsBy(uint64_t now) const;
     bool Plug();               // without the lock
 
 private:

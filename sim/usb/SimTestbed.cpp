@@ -1,6 +1,8 @@
 #include "usb/SimTestbed.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 
 #include "usb/SimDescriptors.h"
@@ -40,6 +42,10 @@ uint64_t SimTestbed::Now() {
 void SimTestbed::Kick() {
     kicked_ = true;
     cv_.notify_one();
+}
+
+void SimTestbed::WakeBy(uint64_t due) {
+    if (due < sleep_until_) Kick();
 }
 
 bool SimTestbed::AddNode(SimUsbDevice* usb, unsigned position, std::string* syspath) {
@@ -90,21 +96,18 @@ void SimTestbed::RemoveNode(const std::string& syspath) {
 
 void SimTestbed::Engine() {
     std::unique_lock<std::mutex> lock(mu_);
-    const uint64_t kTick = 1000000;  // 1 ms while the bus is busy
     while (!stop_) {
         uint64_t now = Now();
-        bool busy = false;
-        uint64_t due = 0;
+        uint64_t due = UINT64_MAX;
         for (auto& d : devices_) {
             d->Tick(now);
-            busy = busy || d->Busy();
-            uint64_t nd = d->NextDue();
-            if (nd && (!due || nd < due)) due = nd;
+            due = std::min(due, d->NeedsBy(now));
         }
-        if (busy && (!due || due > now + kTick)) due = now + kTick;
+        // Woken early by Kick, or by WakeBy for anything due before `due`.
         kicked_ = false;
+        sleep_until_ = due;
         auto woken = [this] { return stop_ || kicked_; };
-        if (due) {
+        if (due != UINT64_MAX) {
             std::chrono::steady_clock::time_point at{std::chrono::nanoseconds(due)};
             cv_.wait_until(lock, at, woken);
         } else {

@@ -41,10 +41,14 @@ public:
 
     // Monotonic nanoseconds, the model's clock.
     static uint64_t Now();
+    // How often the engine moves the buses on while one is busy.
+    static constexpr uint64_t kTickNs = 1000000;
 
     // For SimDevice.
     std::mutex mu_;
-    void Kick();  // the engine looks again (lock held or not)
+    void Kick();  // the engine looks again now (lock held)
+    // The engine looks again by `due` (lock held): it is woken only if it would sleep longer.
+    void WakeBy(uint64_t due);
     bool AddNode(SimUsbDevice* usb, unsigned position, std::string* syspath);
     void RemoveNode(const std::string& syspath);
 
@@ -58,6 +62,7 @@ private:
     std::condition_variable cv_;
     bool stop_ = false;
     bool kicked_ = false;
+    uint64_t sleep_until_ = 0;  // when the waiting engine looks again by itself; max: never
     std::thread engine_;
 };
 
