@@ -11,6 +11,7 @@
 namespace vexlo_sim {
 namespace {
 constexpr size_t kPage = 4096;
+const char kZeroPage[kPage] = {};
 }
 
 SimReadiness::~SimReadiness() {
@@ -36,19 +37,20 @@ bool SimReadiness::Make(const std::string& path) {
 }
 
 void SimReadiness::Fill() {
-    static const char page[kPage] = {};
-    while (write(fd_, page, kPage) == static_cast<ssize_t>(kPage)) {
+    while (write(fd_, kZeroPage, kPage) == static_cast<ssize_t>(kPage)) {
     }
 }
 
 void SimReadiness::Set(bool ready) {
     if (fd_ < 0 || ready == ready_) return;
     ready_ = ready;
+    // One page read from the full FIFO frees one page, so one page written fills it again: one
+    // system call each way.
     if (ready) {
         char page[kPage];
         ssize_t n = read(fd_, page, kPage);
         (void)n;
-    } else {
+    } else if (write(fd_, kZeroPage, kPage) != static_cast<ssize_t>(kPage)) {
         Fill();
     }
 }
