@@ -186,6 +186,16 @@ SimChannelInfo SimDevice::Channel(unsigned channel) const {
     return info;
 }
 
+void SimDevice::SetRxCapacity(size_t records) {
+    Lock lock(bed_->mu_);
+    adapter_->in_.capacity_ = records;
+}
+
+size_t SimDevice::RxPending() const {
+    Lock lock(bed_->mu_);
+    return adapter_->in_.Records();
+}
+
 uint64_t SimDevice::RxDropped() const {
     Lock lock(bed_->mu_);
     return adapter_->rx_dropped_;

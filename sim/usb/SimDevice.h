@@ -66,6 +66,11 @@ public:
 
     SimChannelInfo Channel(unsigned channel) const;
     uint64_t RxDropped() const;
+    // The adapter's receive buffer: its size in records (a test that measures the host alone
+    // may make it deep enough to ride out the emulation's scheduling hiccups), and the records
+    // waiting in it for the host.
+    void SetRxCapacity(size_t records);
+    size_t RxPending() const;
 
     // Unplug: armed transfers end with no-device, later calls fail. Replug: the adapter comes back
     // powered anew (channels in reset, faults kept) at a new device number.

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <set>
 #include <utility>
 
 namespace vexlo_sim {
@@ -15,6 +17,13 @@ namespace {
 // Set while this thread holds the testbed's lock inside the handler, so that a client finalised
 // from within a umockdev call made there does not take the lock again.
 thread_local bool t_in_handler = false;
+
+// The devices alive in this process. umockdev's worker thread may deliver an ioctl or finalise a
+// client while a testbed is being torn down on another thread: both look here first, under this
+// lock, which the destructor holds while it takes a device apart. Lock order: this, then the
+// testbed's lock. Recursive, because a client may be finalised inside a handled ioctl.
+std::recursive_mutex g_live_mu;
+std::set<const void*> g_live;
 
 int EpIndex(uint8_t ep) {
     switch (ep) {
@@ -32,17 +41,25 @@ void Fail(UMockdevIoctlClient* client, int err) { umockdev_ioctl_client_complete
 
 SimUsbDevice::SimUsbDevice(std::mutex* mu, SimAdapter* adapter, SimHostLog* log, uint64_t (*clock)(),
                            std::function<void()> kick)
-    : mu_(mu), adapter_(adapter), log_(log), clock_(clock), kick_(std::move(kick)) {}
+    : mu_(mu), adapter_(adapter), log_(log), clock_(clock), kick_(std::move(kick)) {
+    std::lock_guard<std::recursive_mutex> live(g_live_mu);
+    g_live.insert(this);
+}
 
 SimUsbDevice::~SimUsbDevice() {
+    std::lock_guard<std::recursive_mutex> live(g_live_mu);
+    g_live.erase(this);
     Detach();
     for (auto& q : armed_)
         for (Urb* u : q) Free(u);
+    // A client object may be finalising on umockdev's thread right now, its weak reference
+    // already taken off: the record is left to OnClientGone, orphaned, instead of being freed here.
     for (auto& kv : clients_) {
         for (Urb* u : kv.second->done) Free(u);
-        g_object_weak_unref(G_OBJECT(kv.first), &SimUsbDevice::OnClientGone, kv.second);
-        delete kv.second;
+        kv.second->done.clear();
+        kv.second->dev = nullptr;
     }
+    clients_.clear();
 }
 
 bool SimUsbDevice::Attach(UMockdevTestbed* tb, const std::string& node) {
@@ -72,6 +89,11 @@ void SimUsbDevice::Detach() {
 }
 
 gboolean SimUsbDevice::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self) {
+    std::lock_guard<std::recursive_mutex> live(g_live_mu);
+    if (!g_live.count(self)) {
+        Fail(client, ENODEV);
+        return TRUE;
+    }
     auto* dev = static_cast<SimUsbDevice*>(self);
     std::lock_guard<std::mutex> lock(*dev->mu_);
     t_in_handler = true;
@@ -82,7 +104,12 @@ gboolean SimUsbDevice::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, 
 
 void SimUsbDevice::OnClientGone(gpointer data, GObject*) {
     auto* c = static_cast<Client*>(data);
+    std::lock_guard<std::recursive_mutex> live(g_live_mu);
     SimUsbDevice* dev = c->dev;
+    if (!dev) {  // its device is gone already
+        delete c;
+        return;
+    }
     std::unique_lock<std::mutex> lock(*dev->mu_, std::defer_lock);
     if (!t_in_handler) lock.lock();
     for (auto& q : dev->armed_) {
