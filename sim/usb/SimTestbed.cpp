@@ -14,6 +14,7 @@ namespace vexlo_sim {
 SimTestbed::SimTestbed(unsigned adapters, const std::vector<SimIdentity>& ids, bool in_process) {
     SimEnvironment::Prepare();
     tb_ = umockdev_testbed_new();
+    in_process_ = in_process;
     ok_ = !in_process || SimEnvironment::Check();
     for (unsigned i = 0; i < adapters; ++i)
         devices_.push_back(std::make_unique<SimDevice>(this, i, i < ids.size() ? ids[i] : SimIdentity()));
@@ -85,7 +86,10 @@ bool SimTestbed::AddNode(SimUsbDevice* usb, unsigned position, std::string* sysp
     g_free(root);
     if (!usb->Attach(tb_, node)) return false;
     umockdev_testbed_set_property(tb_, syspath->c_str(), "DEVTYPE", "usb_device");
-    umockdev_testbed_uevent(tb_, syspath->c_str(), "add");
+    // The event tells a running libusb context about a (re)plugged adapter. A host in a child
+    // process starts after this and finds the adapter by scanning; without the preload in this
+    // process the event could not be sent anyway.
+    if (in_process_) umockdev_testbed_uevent(tb_, syspath->c_str(), "add");
     return true;
 }
 

@@ -56,6 +56,7 @@ private:
     void Engine();
 
     bool ok_ = false;
+    bool in_process_ = true;  // the host runs in this process, under the preload
     UMockdevTestbed* tb_ = nullptr;
     std::vector<std::unique_ptr<SimDevice>> devices_;
     unsigned next_devnum_ = 2;
