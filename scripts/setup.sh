@@ -9,7 +9,7 @@ packages=(
   libgtest-dev googletest
   libbenchmark-dev
   umockdev libumockdev-dev
-  valgrind
+  valgrind gdb
 )
 
 missing=()
