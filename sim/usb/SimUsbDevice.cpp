@@ -41,10 +41,7 @@ void Fail(UMockdevIoctlClient* client, int err) { umockdev_ioctl_client_complete
 
 SimUsbDevice::SimUsbDevice(std::mutex* mu, SimAdapter* adapter, SimHostLog* log, uint64_t (*clock)(),
                            std::function<void()> kick)
-    : mu_(mu), adapter_(adapter), log_(log), clock_(clock), kick_(std::move(kick)) {
-    std::lock_guard<std::recursive_mutex> live(g_live_mu);
-    g_live.insert(this);
-}
+    : mu_(mu), adapter_(adapter), log_(log), clock_(clock), kick_(std::move(kick)) {}
 
 SimUsbDevice::~SimUsbDevice() {
     std::lock_guard<std::recursive_mutex> live(g_live_mu);
@@ -69,6 +66,12 @@ bool SimUsbDevice::Attach(UMockdevTestbed* tb, const std::string& node) {
     std::string path = std::string(root) + node;
     g_free(root);
     if (!ready_.Make(path)) return false;
+    // Reachable from umockdev's thread from here on. Registered here rather than at construction,
+    // which happens under the testbed's lock: this lock comes first.
+    {
+        std::lock_guard<std::recursive_mutex> live(g_live_mu);
+        g_live.insert(this);
+    }
     handler_ = umockdev_ioctl_base_new();
     g_signal_connect(handler_, "handle-ioctl", G_CALLBACK(&SimUsbDevice::OnIoctl), this);
     GError* err = nullptr;
