@@ -1,6 +1,8 @@
 // The extension calls through the simulated adapter: the receive readiness descriptor against the
 // queue (also under a racing drain), the counters against the traffic, bad arguments.
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -66,13 +68,22 @@ TEST_F(ExtTest, DescriptorIsReadableExactlyWhileFramesWait) {
 // The application drains with VCI_Receive or VCI_ClearBuffer whenever the descriptor is readable
 // while frames keep arriving. A readiness lost in the race would leave a frame waiting behind a
 // descriptor that never becomes readable again: no later message signals while older frames wait.
+// Both share one CPU and the application runs at idle priority, so that each wake-up of the event
+// thread preempts it at any point of its drain, between its look at the queue and its reset of
+// the descriptor included.
 TEST_F(ExtTest, FrameArrivingWhileTheApplicationDrainsIsNeverMissed) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
     OpenAndStart();
     const int fd = vexlo_receive_fd(0, 1);
     ASSERT_GE(fd, 0);
     std::atomic<bool> done(false);
     unsigned received = 0, clears = 0;
     std::thread app([&] {
+        sched_param idle = {0};
+        pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
         std::minstd_rand rnd(7);
         CAN_OBJ buf[2];
         while (!done || Readable(fd, 0)) {
@@ -86,9 +97,9 @@ TEST_F(ExtTest, FrameArrivingWhileTheApplicationDrainsIsNeverMissed) {
     });
     std::minstd_rand rnd(11);
     vs::SimFrame f;
-    for (unsigned round = 0; round < 4000; ++round) {
+    for (unsigned round = 0; round < 8000; ++round) {
         for (unsigned n = rnd() % 3; n < 3; ++n) Sim().InjectFrame(1, f);
-        usleep(rnd() % 300);
+        usleep(rnd() % 100);
     }
     ASSERT_TRUE(WaitFor([&] { return Sim().RxPending() == 0; }));
     usleep(300000);
