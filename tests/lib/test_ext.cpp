@@ -16,11 +16,6 @@
 
 using ExtTest = LibTest;
 
-static bool Readable(int fd, int ms) {
-    pollfd p = {fd, POLLIN, 0};
-    return poll(&p, 1, ms) == 1;
-}
-
 TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     // The application shares the event thread's CPU (see the race below).
     cpu_set_t one;
@@ -28,6 +23,7 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     CPU_SET(sched_getcpu(), &one);
     ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
     OpenAndStart();
+    auto Readable = [](int fd, int ms) { pollfd p = {fd, POLLIN, 0}; return poll(&p, 1, ms) == 1; };
     // Sent on 0 (the adapter takes 2 of 3) and received on 1, rejected (bad length, past the cache,
     // channel 2), notices by code (0xEF counts as 1, 0xE6 as none); channel 1 is read with an older
     // caller's record, which is filled only as far as its size; then bad arguments.
@@ -39,7 +35,8 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     Sim().InjectRaw(Pkt({0, 0, 0, 0, 0, 0, 0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     VEXLO_STATS a = {sizeof(VEXLO_STATS), 0, 0, 0, 0, 0, {}}, b = {offsetof(VEXLO_STATS, rx_lost), 0, 0, 7, 0, 0, {}};
     for (int i = 0; i < 500 && vexlo_get_stats(0, 0, &a) && vexlo_get_stats(0, 1, &b) && a.bad_messages + b.rx_frames < 5;
-         ++i) usleep(10000);
+         ++i)
+        usleep(10000);
     EXPECT_EQ(std::vector<unsigned long long>({a.tx_frames, a.rx_frames, b.queue_peak, b.rx_lost, a.bad_messages,
                                                a.notices[0], a.notices[1], a.notices[2], a.notices[3], a.notices[4]}),
               std::vector<unsigned long long>({2, 0, 2, 7, 3, 1, 0, 1, 1, 1}));
@@ -63,7 +60,8 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     std::thread app([&] {
         sched_param idle = {0};
         pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
-        for (unsigned i = 0; Readable(fd, 1000); ++i) i % 4 ? VCI_Receive(kType, 0, 1, buf, 2, 0) : VCI_ClearBuffer(kType, 0, 1);
+        for (unsigned i = 0; Readable(fd, 1000); ++i)
+            i % 4 ? VCI_Receive(kType, 0, 1, buf, 2, 0) : VCI_ClearBuffer(kType, 0, 1);
     });
     for (unsigned r = 0; r < 20000; ++r) {
         Sim().InjectFrame(1, vs::SimFrame());
