@@ -17,8 +17,9 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=
   -DVEXLO_TESTS=OFF -DVEXLO_BENCH=OFF >/dev/null
 cmake --build "$build" -j2 >/dev/null
 rm -f "$build"/*.deb
-(cd "$build" && cpack -G DEB >/dev/null)
+# CPack notes the maintainer scripts named only to keep its own out (packaging/VexloCPack.cmake).
+(cd "$build" && cpack -G DEB 2>&1 >/dev/null | { grep -v -e 'Adding file to tar' -e '^#' || true; } >&2)
 mkdir -p "$out"
-rm -f "$out"/*.deb
+rm -f "$out"/{libvexlo1,libvexlo-dev,vexlo-tools,python3-vexlo-can}_*.deb
 cp "$build"/*.deb "$out"/
 ls "$out"/*.deb
