@@ -192,7 +192,7 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
             *error = "unknown option '" + a + "' (the program goes after --)";
             return false;
         }
-        if (i + 1 >= argc) {
+        if (i + 1 >= argc || std::strcmp(argv[i + 1], "--") == 0) {
             *error = "option '" + a + "' needs a value";
             return false;
         }
