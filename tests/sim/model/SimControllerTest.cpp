@@ -6,19 +6,12 @@
 using namespace vexlo_sim;
 
 TEST(SimController, queued_identifier_keeps_the_bits_of_its_format) {
-    struct Row {
-        bool ext;
-        uint32_t sent, on_bus;
-    } rows[] = {{false, 0xFFFF, 0x7FF}, {false, 0x123, 0x123}, {true, 0xFFFFFFFF, 0x1FFFFFFF},
-                {true, 0x12345678, 0x12345678}};
-    for (const Row& r : rows) {
+    const uint32_t rows[][3] = {{0, 0xFFFF, 0x7FF}, {0, 0x123, 0x123}, {1, 0xFFFFFFFF, 0x1FFFFFFF}, {1, 0x1234567, 0x1234567}};
+    for (const auto& r : rows) {
         SimController c(0);
         c.Configure(0x00, 0x14, false);
-        ASSERT_TRUE(c.Start(0));
-        SimFrame f;
-        f.ext = r.ext;
-        f.id = r.sent;
-        ASSERT_TRUE(c.Queue(f, 0));
-        EXPECT_EQ(c.txq_.front().id, r.on_bus) << std::hex << r.sent;
+        SimFrame f{r[1], r[0] != 0, false, 0, {}, 0};
+        ASSERT_TRUE(c.Start(0) && c.Queue(f, 0));
+        EXPECT_EQ(c.txq_.front().id, r[2]) << std::hex << r[1];
     }
 }
