@@ -46,12 +46,12 @@ void SimFaultPlan::Apply(const Step& s) {
     SimDevice& dev = bed_->Adapter(s.adapter);
     switch (s.kind) {
     case Kind::kUnplug:
-        if (dev.Unplug()) std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u unplugged\n", s.at, s.adapter);
-        else std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u was not plugged in\n", s.at, s.adapter);
+        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u %s\n", s.at, s.adapter,
+                     dev.Unplug() ? "unplugged" : "was not plugged in");
         break;
     case Kind::kReplug:
-        if (dev.Replug()) std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u plugged back\n", s.at, s.adapter);
-        else std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u could not be plugged back\n", s.at, s.adapter);
+        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u %s\n", s.at, s.adapter,
+                     dev.Replug() ? "plugged back" : "could not be plugged back");
         break;
     case Kind::kDelay:
         dev.SetDelay(s.ms);

@@ -23,20 +23,20 @@ std::vector<std::string> Split(const std::string& arg) {
     return parts;
 }
 
-// Seconds since the program started: a finite number, not negative, fractions allowed.
+// Seconds since the program started: 0 to a year, fractions allowed.
 bool ParseSeconds(const std::string& s, double* v) {
     if (s.empty()) return false;
     char* end = nullptr;
     *v = std::strtod(s.c_str(), &end);
-    return *end == 0 && std::isfinite(*v) && *v >= 0;
+    return *end == 0 && std::isfinite(*v) && *v >= 0 && *v <= 366 * 86400.0;
 }
 
 // "A:AT[:BACK]".
 bool ParseUnplug(const std::string& arg, SimToolUnplug* u, std::string* error) {
     std::vector<std::string> p = Split(arg);
     unsigned long a = 0;
-    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && ParseSeconds(p[1], &u->at) &&
-              (p.size() == 2 || (ParseSeconds(p[2], &u->back) && u->back > u->at));
+    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && a <= 32 &&
+              ParseSeconds(p[1], &u->at) && (p.size() == 2 || (ParseSeconds(p[2], &u->back) && u->back > u->at));
     u->adapter = static_cast<unsigned>(a);
     if (!ok) *error = "bad unplug '" + arg + "' (A:AT[:BACK] in seconds from the start, BACK after AT)";
     return ok;
@@ -46,8 +46,8 @@ bool ParseUnplug(const std::string& arg, SimToolUnplug* u, std::string* error) {
 bool ParseDelay(const std::string& arg, SimToolDelay* d, std::string* error) {
     std::vector<std::string> p = Split(arg);
     unsigned long a = 0, ms = 0;
-    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && ParseUnsigned(p[1], &ms) &&
-              ms <= 3600000 && (p.size() == 2 || ParseSeconds(p[2], &d->at));
+    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && a <= 32 &&
+              ParseUnsigned(p[1], &ms) && ms <= 3600000 && (p.size() == 2 || ParseSeconds(p[2], &d->at));
     d->adapter = static_cast<unsigned>(a);
     d->ms = static_cast<unsigned>(ms);
     if (!ok) *error = "bad answer delay '" + arg + "' (A:MS[:AT], MS at most 3600000, AT in seconds)";

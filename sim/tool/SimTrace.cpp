@@ -18,9 +18,10 @@ const char kHex[] = "0123456789ABCDEF";
 void SimTrace::AppendLine(std::string* out, uint64_t wall_ns, unsigned adapter, unsigned ch,
                           const SimFrame& f) {
     char buf[96];
-    int n = std::snprintf(buf, sizeof buf, f.ext ? "(%llu.%06llu) sim%ucan%u %08X#" : "(%llu.%06llu) sim%ucan%u %03X#",
+    int n = std::snprintf(buf, sizeof buf, "(%llu.%06llu) sim%ucan%u %0*X#",
                           static_cast<unsigned long long>(wall_ns / 1000000000),
-                          static_cast<unsigned long long>(wall_ns / 1000 % 1000000), adapter, ch, f.id);
+                          static_cast<unsigned long long>(wall_ns / 1000 % 1000000), adapter, ch,
+                          f.ext ? 8 : 3, f.id);
     size_t len = static_cast<size_t>(n);
     unsigned bytes = f.dlc > 8 ? 8 : f.dlc;
     if (f.rtr) {
@@ -55,7 +56,8 @@ bool SimTrace::Open(const std::string& path, std::string* error) {
     // The model's clock is the steady clock in nanoseconds (SimTestbed::Now).
     auto wall = std::chrono::system_clock::now().time_since_epoch();
     auto mono = std::chrono::steady_clock::now().time_since_epoch();
-    wall_offset_ = static_cast<int64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(wall - mono).count());
+    wall_offset_ = static_cast<int64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(wall - mono).count());
     writer_ = std::thread(&SimTrace::Writer, this);
     return true;
 }
@@ -115,7 +117,8 @@ void SimTrace::Close() {
     }
     writer_.join();
     if (own_fd_ && close(fd_) != 0)
-        std::fprintf(stderr, "vexlo-sim: cannot write trace to %s: %s\n", path_.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "vexlo-sim: cannot write trace to %s: %s\n", path_.c_str(),
+                     std::strerror(errno));
     fd_ = -1;
     if (lost_)
         std::fprintf(stderr, "vexlo-sim: %llu frames missing from the trace in %s\n",

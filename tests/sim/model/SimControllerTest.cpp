@@ -6,7 +6,8 @@
 using namespace vexlo_sim;
 
 TEST(SimController, queued_identifier_keeps_the_bits_of_its_format) {
-    const uint32_t rows[][3] = {{0, 0xFFFF, 0x7FF}, {0, 0x123, 0x123}, {1, 0xFFFFFFFF, 0x1FFFFFFF}, {1, 0x1234567, 0x1234567}};
+    const uint32_t rows[][3] = {  // extended?, identifier sent, identifier on the bus
+        {0, 0xFFFF, 0x7FF}, {0, 0x123, 0x123}, {1, 0xFFFFFFFF, 0x1FFFFFFF}, {1, 0x1234567, 0x1234567}};
     for (const auto& r : rows) {
         SimController c(0);
         c.Configure(0x00, 0x14, false);
