@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev
   umockdev libumockdev-dev
   valgrind gdb
+  python3-can python3-pytest python3-pip python3-setuptools python3-venv
 )
 
 missing=()
