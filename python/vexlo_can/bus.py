@@ -16,8 +16,10 @@ from .stamps import StampClock
 
 # A CAN_OBJ as bytes: identifier, stamp, stamp valid, transmit mode, remote, extended, length, data.
 _FRAME = struct.Struct("<IIBBBBB8s")
-# How often notices (and frames lost in the receive queue) are looked for while waiting or busy.
+# How often notices (and frames lost in the receive queue) are looked for: every 100 ms while
+# waiting, and every 256 frames while frames keep coming.
 NOTICE_PERIOD = 0.1
+NOTICE_FRAMES = 256
 
 # Error frames follow the layout Linux CAN drivers use: the class in the identifier, details in the
 # data (byte 1 controller state, bytes 6 and 7 the transmit and receive error counters).
@@ -118,6 +120,7 @@ class VexloBus(BusABC):
         self._seen = (0, (0,) * 5)
         self._read_counters()
         self._next_check = time.monotonic() + NOTICE_PERIOD
+        self._countdown = NOTICE_FRAMES
         super().__init__(channel=channel, can_filters=can_filters, **kwargs)
 
     # Channel set-up
@@ -152,11 +155,14 @@ class VexloBus(BusABC):
                 return self._errors.popleft(), False
             if not self._pending:
                 self._pending = lib.VCI_GetReceiveNum(DEV_TYPE, i, c)
-                if not self._pending and not self._wait(timeout):
-                    return (self._errors.popleft() if self._errors else None), False
-            if time.monotonic() >= self._next_check:
+                if not self._pending:
+                    # VCI_Receive would sleep on an empty queue: wait on the descriptor instead.
+                    if not self._wait(timeout):
+                        return None, False
+                    continue
+            self._countdown -= 1
+            if self._countdown <= 0:
                 self._check_notices()
-            if not self._pending:
                 continue
             if not lib.VCI_Receive(DEV_TYPE, i, c, self._rx_p, 1, 0):
                 self._pending = 0
@@ -195,6 +201,7 @@ class VexloBus(BusABC):
     def _check_notices(self):
         """Turns new notices and frames lost in the receive queue into error frames and a state."""
         self._next_check = time.monotonic() + NOTICE_PERIOD
+        self._countdown = NOTICE_FRAMES
         seen, self._seen = self._seen, self._read_counters()
         if seen == self._seen:
             return

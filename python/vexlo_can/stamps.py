@@ -26,18 +26,22 @@ class StampClock:
         """Host time in seconds of a frame stamped `raw` and taken from the adapter at `host_now`."""
         raw &= WRAP - 1
         if self.offset_ is None:
-            self.ticks_ = raw
-            self.offset_ = host_now - raw * TICK
+            ticks, offset = raw, host_now - raw * TICK
         else:
-            step = (raw - self.raw_) % WRAP
-            # A stamp a little older than the last one (possible across a resynchronisation) steps
-            # back; anything else moves forward, past a wrap if need be.
-            self.ticks_ += step - WRAP if step >= WRAP // 2 else step
-            self.offset_ += CATCH_UP * max(0.0, host_now - self.host_)
-        self.raw_ = raw
-        self.host_ = host_now
+            # A stamp a little older than the last one steps back; anything else moves forward,
+            # past a wrap if need be.
+            step = (raw - self.raw_) & (WRAP - 1)
+            ticks = self.ticks_ + (step - WRAP if step >= WRAP // 2 else step)
+            offset = self.offset_
+            if host_now > self.host_:
+                offset += CATCH_UP * (host_now - self.host_)
         # The frame cannot have been stamped after it was taken: a stamp ahead of the host clock
         # means the adapter runs fast, and the anchor moves back to meet it.
-        self.offset_ = min(self.offset_, host_now - self.ticks_ * TICK)
-        self.out_ = max(self.out_, self.offset_ + self.ticks_ * TICK)
-        return self.out_
+        since = ticks * TICK
+        if offset > host_now - since:
+            offset = host_now - since
+        out = offset + since
+        if out < self.out_:
+            out = self.out_
+        self.offset_, self.ticks_, self.raw_, self.host_, self.out_ = offset, ticks, raw, host_now, out
+        return out
