@@ -2,6 +2,7 @@
 
 import collections
 import ctypes
+import os
 import re
 import select
 import struct
@@ -15,11 +16,13 @@ from .library import CAN_ERR, CAN_INIT, CAN_OBJ, CAN_STAT, DEV_TYPE, VEXLO_STATS
 from .stamps import StampClock
 
 # A CAN_OBJ as bytes: identifier, stamp, stamp valid, transmit mode, remote, extended, length, data.
-_FRAME = struct.Struct("<IIBBBBB8s")
+_FRAME = struct.Struct("<IIBBBBB8s3x")
 # How often notices (and frames lost in the receive queue) are looked for: every 100 ms while
 # waiting, and every 256 frames while frames keep coming.
 NOTICE_PERIOD = 0.1
 NOTICE_FRAMES = 256
+# Frames taken from the library per call.
+BATCH = 64
 
 # Error frames follow the layout Linux CAN drivers use: the class in the identifier, details in the
 # data (byte 1 controller state, bytes 6 and 7 the transmit and receive error counters).
@@ -107,9 +110,9 @@ class VexloBus(BusABC):
                              f"{rates.timing_rate(btr0, btr1):.0f} bit/s")
         self._poll = select.poll()
         self._poll.register(self._fd, select.POLLIN)
-        self._rx = CAN_OBJ()
-        self._rx_p = ctypes.pointer(self._rx)
-        self._rx_view = memoryview(self._rx).cast("B")
+        self._rx = (CAN_OBJ * BATCH)()
+        self._frames = collections.deque()
+        self._mirror = self._epoll = None
         self._tx = CAN_OBJ()
         self._tx_p = ctypes.pointer(self._tx)
         self._pending = 0
@@ -152,7 +155,13 @@ class VexloBus(BusABC):
         lib, i, c = self._lib, self._index, self._ch
         while True:
             if self._errors:
-                return self._errors.popleft(), False
+                msg = self._errors.popleft()
+                self._settle()
+                return msg, False
+            if self._frames:
+                msg = self._frames.popleft()
+                self._settle()
+                return msg, False
             if not self._pending:
                 self._pending = lib.VCI_GetReceiveNum(DEV_TYPE, i, c)
                 if not self._pending:
@@ -160,18 +169,22 @@ class VexloBus(BusABC):
                     if not self._wait(timeout):
                         return None, False
                     continue
-            self._countdown -= 1
-            if self._countdown <= 0:
-                self._check_notices()
-                continue
-            if not lib.VCI_Receive(DEV_TYPE, i, c, self._rx_p, 1, 0):
-                self._pending = 0
-                continue
-            self._pending -= 1
-            fid, stamp, _, _, rtr, ext, dlc, data = _FRAME.unpack_from(self._rx_view)
-            return Message(timestamp=self._clock.convert(stamp, time.time()), arbitration_id=fid,
-                           is_extended_id=bool(ext), is_remote_frame=bool(rtr), dlc=dlc,
-                           data=None if rtr else data[:dlc], channel=self.channel), False
+            self._take()
+
+    def _take(self):
+        """Moves up to BATCH waiting frames from the library into self._frames as messages."""
+        n = self._lib.VCI_Receive(DEV_TYPE, self._index, self._ch, self._rx, min(self._pending, BATCH), 0)
+        self._pending = self._pending - n if n else 0
+        now, convert, channel = time.time(), self._clock.convert, self.channel
+        self._frames.extend(
+            Message(timestamp=convert(stamp, now), arbitration_id=fid, is_extended_id=bool(ext),
+                    is_remote_frame=bool(rtr), dlc=dlc, data=None if rtr else data[:dlc], channel=channel)
+            for fid, stamp, _, _, rtr, ext, dlc, data in _FRAME.iter_unpack(ctypes.string_at(self._rx, 24 * n)))
+        self._countdown -= n
+        if self._countdown <= 0:
+            self._check_notices()
+        if self._mirror is not None and self._frames:
+            os.eventfd_write(self._mirror, 1)
 
     def _wait(self, timeout):
         """Waits for frames or notices; False when `timeout` passed with neither."""
@@ -239,6 +252,8 @@ class VexloBus(BusABC):
             data[k] = v
         self._errors.append(Message(timestamp=time.time(), arbitration_id=cls, is_extended_id=False,
                                     is_error_frame=True, dlc=8, data=data, channel=self.channel))
+        if self._mirror is not None:
+            os.eventfd_write(self._mirror, 1)
 
     @property
     def state(self):
@@ -256,7 +271,23 @@ class VexloBus(BusABC):
             self._start()
 
     def fileno(self):
-        return self._fd
+        """A descriptor that polls readable while a message waits: the library's readiness
+        descriptor and, for messages already taken from the library, one of our own, joined."""
+        if self._epoll is None:
+            self._mirror = os.eventfd(0, os.EFD_NONBLOCK)
+            self._epoll = select.epoll()
+            self._epoll.register(self._fd, select.EPOLLIN)
+            self._epoll.register(self._mirror, select.EPOLLIN)
+            if self._frames or self._errors:
+                os.eventfd_write(self._mirror, 1)
+        return self._epoll.fileno()
+
+    def _settle(self):
+        if self._mirror is not None and not self._frames and not self._errors:
+            try:
+                os.eventfd_read(self._mirror)
+            except BlockingIOError:
+                pass
 
     # Transmission
 
@@ -308,6 +339,9 @@ class VexloBus(BusABC):
         if self._open:
             self._open = False
             device.release(self._lib, self._index, self._ch)
+            if self._epoll is not None:
+                self._epoll.close()
+                os.close(self._mirror)
 
     @staticmethod
     def _detect_available_configs():
