@@ -91,6 +91,19 @@ def test_filters_on_the_adapter_and_in_software():
             assert b._read_counters() and b._stats.rx_frames - before == queued
 
 
+def test_lone_transmitter_error_frames_passive_state_and_refusals():
+    with bus(0) as a, bus(1, listen_only=True) as b:  # a listen-only node does not acknowledge
+        with pytest.raises(can.CanOperationError, match="listen-only"):
+            b.send(FRAMES[0])
+        with pytest.raises(can.CanTimeoutError, match="error passive"):
+            for _ in range(100):
+                a.send(FRAMES[0], timeout=0.5)
+        errors = drain(a)
+        assert all(m.is_error_frame for m in errors) and a.state == can.BusState.PASSIVE
+        assert any(m.arbitration_id == 0x88 for m in errors)  # bus errors
+        assert any(m.arbitration_id == 0x204 and m.data[1] == 0x30 and m.data[6] >= 128 for m in errors)
+
+
 def test_two_adapters_detected():
     def channels():
         return sorted(c["channel"] for c in can.detect_available_configs(interfaces=["vexlo"]))

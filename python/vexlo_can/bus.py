@@ -120,8 +120,7 @@ class VexloBus(BusABC):
         self._errors = collections.deque()
         self._state = BusState.ACTIVE
         self._stats = VEXLO_STATS()
-        self._seen = (0, (0,) * 5)
-        self._read_counters()
+        self._seen = self._read_counters()  # the counters run from the adapter's open
         self._next_check = time.monotonic() + NOTICE_PERIOD
         self._countdown = NOTICE_FRAMES
         super().__init__(channel=channel, can_filters=can_filters, **kwargs)
