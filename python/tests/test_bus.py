@@ -79,7 +79,7 @@ def test_filters_on_the_adapter_and_in_software():
     std = [0x120, 0x12F, 0x130]
     ext = [0x125, 0x120 << 18]  # the second fits a standard filter's bits on the adapter
     rows = [([{"can_id": 0x120, "can_mask": 0x7F0, "extended": False}], {(0x120, False), (0x12F, False)}, 3),
-            ([{"can_id": 0x120, "can_mask": 0x7F0}], {(0x120, False), (0x12F, False), (0x120 << 18, True)}, 5),
+            ([{"can_id": 0x120, "can_mask": 0x7F0}], {(0x120, False), (0x12F, False), (0x125, True)}, 5),
             ([{"can_id": 0x125, "can_mask": 0x1FFFFFFF, "extended": True}], {(0x125, True)}, 1)]
     with bus(0) as a, bus(1) as b:
         for filters, want, queued in rows:
