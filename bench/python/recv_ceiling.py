@@ -25,7 +25,7 @@ def main():
             pass
         first = bus.recv(10)
         expect = (first.arbitration_id + 1) & 0x7FF
-        frames = lost = errors = 0
+        frames = lost = errors = overruns = 0
         cpu0, thread0, wall0 = time.process_time(), time.thread_time(), time.monotonic()
         end = wall0 + args.seconds
         while time.monotonic() < end:
@@ -34,6 +34,7 @@ def main():
                 continue
             if m.is_error_frame:
                 errors += 1
+                overruns += bool(m.arbitration_id & 0x4 and m.data[1] & 0x01)
                 continue
             lost += (m.arbitration_id - expect) & 0x7FF
             expect = (m.arbitration_id + 1) & 0x7FF
@@ -42,8 +43,9 @@ def main():
         cpu, thread = time.process_time() - cpu0, time.thread_time() - thread0
         bus._read_counters()
         dropped = bus._stats.rx_lost
-    print(f"{frames} frames in {wall:.1f} s: {frames / wall:.0f} frames/s, lost {lost} "
-          f"(library queue drops {dropped}), error frames {errors}")
+    print(f"{frames} frames in {wall:.1f} s: {frames / wall:.0f} frames/s")
+    print(f"lost {lost}: {dropped} in the library's receive queue, the rest at the adapter "
+          f"({overruns} overrun error frames of {errors})")
     print(f"CPU per frame: {1e6 * cpu / max(frames, 1):.1f} us process, "
           f"{1e6 * thread / max(frames, 1):.1f} us Python thread ({100 * cpu / wall:.0f}% of a core)")
     return 0 if lost == 0 and dropped == 0 and frames > 0 else 1
