@@ -35,6 +35,50 @@ bool ParseFilter(const std::string& text, CanFilter* filter, std::string* error)
     return true;
 }
 
+bool ParseChannelList(const std::string& text, std::vector<ChannelFilters>* out, std::string* error) {
+    out->clear();
+    ChannelFilters* last = nullptr;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t comma = text.find(',', start);
+        std::string item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        start = comma == std::string::npos ? text.size() + 1 : comma + 1;
+        size_t seps = 0;
+        for (char c : item) seps += c == ':' || c == '~';
+        std::string name = item.substr(0, seps == 2 ? item.find(':') : std::string::npos);
+        if (seps == 1) {
+            CanFilter f;
+            if (!last) {
+                *error = "filter '" + item + "' before any channel";
+                return false;
+            }
+            if (!ParseFilter(item, &f, error)) return false;
+            last->filters.push_back(f);
+            continue;
+        }
+        if (name.compare(0, 3, "can") == 0) name = name.substr(3);
+        if (seps > 2 || (name != "0" && name != "1")) {
+            *error = "bad channel '" + item + "' (0 or 1, then optional filters ID:MASK or ID~MASK)";
+            return false;
+        }
+        unsigned ch = static_cast<unsigned>(name[0] - '0');
+        last = nullptr;
+        for (ChannelFilters& c : *out)
+            if (c.channel == ch) last = &c;
+        if (!last) {
+            out->push_back(ChannelFilters());
+            last = &out->back();
+            last->channel = ch;
+        }
+        if (seps == 2) {
+            CanFilter f;
+            if (!ParseFilter(item.substr(item.find(':') + 1), &f, error)) return false;
+            last->filters.push_back(f);
+        }
+    }
+    return true;
+}
+
 bool FilterPasses(const std::vector<CanFilter>& filters, const CAN_OBJ& frame) {
     if (filters.empty()) return true;
     uint32_t key = FrameKey(frame);

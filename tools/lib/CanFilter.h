@@ -34,6 +34,19 @@ bool ParseFilter(const std::string& text, CanFilter* filter, std::string* error)
 // Example: {123:7FF} passes 0x123 and the extended 0x1000123, not 0x124.
 bool FilterPasses(const std::vector<CanFilter>& filters, const CAN_OBJ& frame);
 
+// One channel of a dump and its filters.
+struct ChannelFilters {
+    unsigned channel = 0;
+    std::vector<CanFilter> filters;
+};
+
+// Parses the channel list of a dump: comma-separated items, each "CH" (0, 1, can0 or can1),
+// "CH:ID:MASK" or "CH:ID~MASK" (the channel with a filter), or "ID:MASK" / "ID~MASK" (one more
+// filter for the channel before it). A channel named twice gathers its filters. False with the
+// reason in *error.
+// Example: "0:123:C00007FF,456:C00007FF,1" -> channel 0 with two filters, channel 1 with none.
+bool ParseChannelList(const std::string& text, std::vector<ChannelFilters>* out, std::string* error);
+
 // The acceptance filter settings of CAN_INIT: 32-bit code and mask (ACR0/AMR0 in the top byte,
 // mask bit 1 = don't care) and the mode.
 struct AcceptanceFilter {
