@@ -211,11 +211,13 @@ TEST(CanFmt, time_stamps_across_wrap_and_drift) {
         {{0, H, H}, {10000, H + 1002000, H + 1001000}, {20000, H + 2004000, H + 2002000}},
         // a stamp before the previous one (the other channel's queue) never goes backwards
         {{500, H, H}, {600, H + 10000, H + 10000}, {590, H + 10100, H + 10000}},
-        // three wraps of silence
+        // three wraps of silence (and a stamp older than the anchor of a batch maps to before it)
         {{100, H, H}, {150, H + (3 * (1ull << 32) + 50) * 100, H + (3 * (1ull << 32) + 50) * 100}},
+        {{90, H + 100000, H + 99000}, {100, H + 100000, H + 100000}},
     };
     for (size_t i = 0; i < runs.size(); ++i) {
         XStampClock clock;
+        if (i == 5) clock.Anchor(100, H + 100000);  // the newest stamp of a first batch
         for (const Step& s : runs[i]) EXPECT_EQ(clock.Convert(s.stamp, s.host), s.expect) << "run " << i;
     }
 }

@@ -2,13 +2,19 @@
 
 namespace vexlo_tool {
 
+void XStampClock::Anchor(uint32_t stamp, uint64_t host_us) {
+    if (anchored_) return;
+    anchored_ = true;
+    anchor_ticks_ = ticks_ = stamp;
+    anchor_host_ = host_us;
+    offset_us_ = static_cast<int64_t>(host_us) - static_cast<int64_t>(stamp) * 100;
+}
+
 uint64_t XStampClock::Convert(uint32_t stamp, uint64_t host_us) {
     const int64_t kWrap = int64_t(1) << 32;
     if (!anchored_) {
-        anchored_ = true;
-        anchor_ticks_ = ticks_ = stamp;
-        anchor_host_ = last_ = host_us;
-        offset_us_ = static_cast<int64_t>(host_us) - static_cast<int64_t>(stamp) * 100;
+        Anchor(stamp, host_us);
+        last_ = host_us;
         return host_us;
     }
     // The host's idea of the current tick count picks the wrap.

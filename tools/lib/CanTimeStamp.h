@@ -16,9 +16,14 @@ namespace vexlo_tool {
 //   clock is pulled forward by at most 1 ms per second of stamps.
 // Example: Convert(1000, T) = T; then Convert(1010, T + 1000) = T + 1000, and
 // Convert(0, T + 2000) after a stamp of 0xFFFFFFF6 at T + 1000 is T + 2000 (across the wrap).
+//
+// Frames read in one batch were stamped before they were read: anchor the clock with the newest
+// stamp of the first batch (Anchor), so that the older ones map to earlier host times.
 class XStampClock {
 public:
     uint64_t Convert(uint32_t stamp, uint64_t host_us);
+    // Anchors the clock so that `stamp` maps to host_us; no effect once anchored.
+    void Anchor(uint32_t stamp, uint64_t host_us);
 
     bool anchored_ = false;
     int64_t anchor_ticks_ = 0;  // unwrapped ticks of the first frame

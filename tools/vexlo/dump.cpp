@@ -46,6 +46,7 @@ struct Channel {
     std::vector<CanFilter> filters;
     int fd = -1;
     unsigned long long shown = 0;
+    XStampClock clock;  // per channel: each channel's times never go backwards
 };
 
 class XDump {
@@ -65,7 +66,6 @@ public:
     double seconds_ = 0;
     unsigned long long total_ = 0;
     uint64_t first_ = 0, prev_ = 0;
-    XStampClock clock_;
 };
 
 void XDump::Print(Channel* c, const CAN_OBJ& f, uint64_t t) {
@@ -180,8 +180,9 @@ int XDump::Run() {
                                            queued < buf.size() ? queued : static_cast<unsigned>(buf.size()), 0);
                 if (got == 0 || got > buf.size()) break;
                 uint64_t host = RealUs();
+                c.clock.Anchor(buf[got - 1].TimeStamp, host);
                 for (unsigned k = 0; k < got; ++k) {
-                    uint64_t t = clock_.Convert(buf[k].TimeStamp, host);
+                    uint64_t t = c.clock.Convert(buf[k].TimeStamp, host);
                     if (!FilterPasses(c.filters, buf[k])) continue;
                     if (count_ && total_ >= count_) break;
                     Print(&c, buf[k], t);
