@@ -71,35 +71,35 @@ public:
 void XDump::Print(Channel* c, const CAN_OBJ& f, uint64_t t) {
     ++c->shown;
     ++total_;
-    if (file_) {
-        std::string l = FormatLogLine(t, c->name, f);
-        l.push_back('\n');
-        std::fwrite(l.data(), 1, l.size(), file_);
-    }
     std::string line;
-    if (log_) {
+    if (log_ || file_) {
         line = FormatLogLine(t, c->name, f);
-    } else {
-        char stamp[64] = "";
-        if (total_ == 1) first_ = prev_ = t;
-        uint64_t d = tmode_ == 'd' ? t - prev_ : t - first_;
-        if (tmode_ == 'a') {
-            std::snprintf(stamp, sizeof(stamp), "(%010llu.%06llu) ", (unsigned long long)(t / 1000000),
-                          (unsigned long long)(t % 1000000));
-        } else if (tmode_ == 'd' || tmode_ == 'z') {
-            std::snprintf(stamp, sizeof(stamp), "(%03llu.%06llu) ", (unsigned long long)(d / 1000000),
-                          (unsigned long long)(d % 1000000));
-        } else if (tmode_ == 'A') {
-            time_t sec = static_cast<time_t>(t / 1000000);
-            struct tm tm;
-            localtime_r(&sec, &tm);
-            char date[32];
-            std::strftime(date, sizeof(date), "%Y-%m-%d %H:%M:%S", &tm);
-            std::snprintf(stamp, sizeof(stamp), "(%s.%06llu) ", date, (unsigned long long)(t % 1000000));
+        line.push_back('\n');
+        if (file_) std::fwrite(line.data(), 1, line.size(), file_);
+        if (log_) {
+            std::fwrite(line.data(), 1, line.size(), Out());
+            return;
         }
-        prev_ = t;
-        line = stamp + FormatFrameLine(c->name, f);
     }
+    char stamp[64] = "";
+    if (total_ == 1) first_ = prev_ = t;
+    uint64_t d = tmode_ == 'd' ? t - prev_ : t - first_;
+    if (tmode_ == 'a') {
+        std::snprintf(stamp, sizeof(stamp), "(%010llu.%06llu) ", (unsigned long long)(t / 1000000),
+                      (unsigned long long)(t % 1000000));
+    } else if (tmode_ == 'd' || tmode_ == 'z') {
+        std::snprintf(stamp, sizeof(stamp), "(%03llu.%06llu) ", (unsigned long long)(d / 1000000),
+                      (unsigned long long)(d % 1000000));
+    } else if (tmode_ == 'A') {
+        time_t sec = static_cast<time_t>(t / 1000000);
+        struct tm tm;
+        localtime_r(&sec, &tm);
+        char date[32];
+        std::strftime(date, sizeof(date), "%Y-%m-%d %H:%M:%S", &tm);
+        std::snprintf(stamp, sizeof(stamp), "(%s.%06llu) ", date, (unsigned long long)(t % 1000000));
+    }
+    prev_ = t;
+    line = stamp + FormatFrameLine(c->name, f);
     line.push_back('\n');
     std::fwrite(line.data(), 1, line.size(), Out());
 }
