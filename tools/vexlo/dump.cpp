@@ -197,9 +197,11 @@ int XDump::Run() {
         std::memset(&st, 0, sizeof(st));
         st.size = sizeof(st);
         vexlo_get_stats(common_.dev, c.ch, &st);
-        std::fprintf(stderr, "vexlo: %s: %llu frames shown, %llu received, %llu lost in the queue\n", c.name.c_str(),
-                     c.shown, st.rx_frames, st.rx_lost);
-        if (st.rx_lost) status = kExitFail;
+        // Frames the adapter itself could not keep show as its data overrun notices.
+        std::string overruns = st.notices[0] ? ", " + std::to_string(st.notices[0]) + " data overruns in the adapter" : "";
+        std::fprintf(stderr, "vexlo: %s: %llu frames shown, %llu received, %llu lost in the queue%s\n", c.name.c_str(),
+                     c.shown, st.rx_frames, st.rx_lost, overruns.c_str());
+        if (st.rx_lost || st.notices[0]) status = kExitFail;
     }
     if (file_ && std::fclose(file_) != 0) {
         Complain("cannot write '%s': %s", file_name_.c_str(), std::strerror(errno));
