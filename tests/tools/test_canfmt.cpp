@@ -7,6 +7,7 @@
 #include "CanFilter.h"
 #include "CanFrameText.h"
 #include "CanLogLine.h"
+#include "CanStatusText.h"
 #include "CanTimeStamp.h"
 #include "model/SimFilter.h"
 
@@ -133,6 +134,14 @@ TEST(CanFmt, filters_and_acceptance_fit) {
     CanFilter bad;
     std::string error;
     for (const char* text : {"123", "12Z:7FF", "123:123456789"}) EXPECT_FALSE(ParseFilter(text, &bad, &error)) << text;
+    // The channel list of a dump: channels, their filters, and what is refused.
+    std::vector<ChannelFilters> list;
+    ASSERT_TRUE(ParseChannelList("can1,0:123:7FF,456~7FF,1", &list, &error));
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0].channel * 10 + list[0].filters.size(), 10u);
+    EXPECT_EQ(list[1].channel * 10 + list[1].filters.size(), 2u);
+    EXPECT_TRUE(list[1].filters[1].inverse);
+    for (const char* text : {"2", "123:7FF,0", "0,", "0:1:2:3"}) EXPECT_FALSE(ParseChannelList(text, &list, &error)) << text;
 
     // The acceptance filter: the settings, then against the controller's model (SimFilter), every
     // frame the filters pass is accepted, and of the selected type nothing else.
@@ -259,4 +268,15 @@ TEST(CanFmt, log_lines_both_ways) {
     EXPECT_EQ(LogChannelNumber("can1"), 1);
     EXPECT_EQ(LogChannelNumber("vcan0"), 0);
     EXPECT_EQ(LogChannelNumber("x"), -1);
+}
+
+TEST(CanFmt, controller_status_in_words) {
+    EXPECT_EQ(ErrorStateText(0xC0, 0, 0), "bus-off");
+    EXPECT_EQ(ErrorStateText(0x40, 0, 128), "error passive");
+    EXPECT_EQ(ErrorStateText(0x40, 96, 0), "error warning");
+    EXPECT_EQ(ErrorStateText(0x00, 10, 20), "error active");
+    EXPECT_EQ(ErrorCodeText(0xD9), "other error while transmitting, in the acknowledge slot");
+    EXPECT_EQ(ErrorCodeText(0x42), "form error while transmitting, in the identifier bits 28-21");
+    EXPECT_EQ(ErrorCodeText(0xBF), "stuff error while receiving, in segment 0x1F");
+    EXPECT_EQ(VersionText(0x0318), "3.18");
 }
