@@ -18,6 +18,7 @@ CanDev::CanDev()
       fifo_{CanFifo(0x10000), CanFifo(0x10000)},
       cache_(CAN_CACHE_SIZE, 0),
       cachelen_(0),
+      badmsgs_(0),
       closing_(false) {
     XDBG(XLOG_GENERAL, "+++\n");
     memset(err_, 0, sizeof(err_));

@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "CanFifo.h"
+#include "CanReady.h"
+#include "CanStats.h"
 #include "CanWire.h"
 #include "CanXfer.h"
 #include "utils.h"
@@ -77,6 +79,11 @@ public:
     alignas(8) CAN_ERR err_[3];
     std::vector<U8> cache_;
     U32 cachelen_;
+    // Per channel: counters and receive readiness (the extension calls); messages thrown away as
+    // malformed or overflowing, for the whole device. Written without a lock (see CanStats.h).
+    CanStats stats_[2];
+    CanReady ready_[2];
+    std::atomic<U64> badmsgs_;
     // Raised by Close before it cancels: no transfer of this device is armed again afterwards.
     // Set and tested under each transfer's lock together with its cancellation or submission.
     std::atomic<bool> closing_;

@@ -49,6 +49,15 @@ public:
         return 1;
     }
 
+    // Producer only: the depth now when it exceeds `peak`, else `peak`. The stale reading of rd_
+    // overstates the depth, so rd_ itself is loaded only when that overstatement passes `peak`.
+    U32 PeakDepth(U32 peak) {
+        U32 wr = wr_.load(std::memory_order_relaxed);
+        if (wr - rdseen_ <= peak) return peak;
+        rdseen_ = rd_.load(std::memory_order_acquire);
+        return wr - rdseen_ > peak ? wr - rdseen_ : peak;
+    }
+
     void Clear() {
         wrseen_ = wr_.load(std::memory_order_acquire);
         rd_.store(wrseen_, std::memory_order_release);

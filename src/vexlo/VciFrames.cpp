@@ -43,6 +43,7 @@ extern "C" VEXLO_API unsigned int VCI_Transmit(unsigned int DevType, unsigned in
             }
             consumed += k;
         }
+        CanCount(&dev->stats_[CANIndex].tx_frames, accepted);
     }
     XDBG(XLOG_GENERAL, "--- ret=%d\n", accepted);
     return accepted;
@@ -71,6 +72,7 @@ extern "C" VEXLO_API unsigned int VCI_Receive(unsigned int DevType, unsigned int
                     CAN_TRACE_FRAME(CANIndex, pData[got]);
                     ++got;
                 }
+                dev->ready_[CANIndex].Taken(fifo);
             }
             if (got > 0) {
                 result = got;
@@ -115,6 +117,7 @@ extern "C" VEXLO_API unsigned int VCI_ClearBuffer(unsigned int DevType, unsigned
     if (CanFifo* fifo = VciQueue(DevIndex, CANIndex, dev, __PRETTY_FUNCTION__, __LINE__)) {
         XLock guard(&CanDev::fifolck_);
         fifo->Clear();
+        dev->ready_[CANIndex].Taken(fifo);
         result = 1;
     }
     XDBG(XLOG_GENERAL, "--- ret=%d\n", result);

@@ -1,0 +1,78 @@
+// The extension calls through the simulated adapter, in one case: the counters against the
+// traffic, bad arguments, the receive readiness descriptor against the queue (also under a racing
+// drain), and the loss of a full queue.
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <thread>
+
+#include "LibFixture.h"
+#include "vexlo_ext.h"
+
+using ExtTest = LibTest;
+
+TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
+    // The application shares the event thread's CPU (see the race below).
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
+    OpenAndStart();
+    auto Readable = [](int fd, int ms) { pollfd p = {fd, POLLIN, 0}; return poll(&p, 1, ms) == 1; };
+    // Sent on 0 (the adapter takes 2 of 3) and received on 1, rejected (bad length, past the cache,
+    // channel 2), notices by code (0xEF counts as 1, 0xE6 as none); channel 1 is read with an older
+    // caller's record, which is filled only as far as its size; then bad arguments.
+    CAN_OBJ buf[3] = {};
+    Sim().SetTxAccept(2);
+    EXPECT_EQ(VCI_Transmit(kType, 0, 0, buf, 3), 2u);
+    for (int code : {0xE3, 0xE4, 0xEF, 0xE5, 0xE6}) Sim().InjectNotice(0, static_cast<uint8_t>(code));
+    for (int i = 0; i < 17; ++i) Sim().InjectRaw(vs::Bytes(i == 0 ? 21 : 64, 0));
+    Sim().InjectRaw(Pkt({0, 0, 0, 0, 0, 0, 0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    VEXLO_STATS a = {sizeof(VEXLO_STATS), 0, 0, 0, 0, 0, {}}, b = {offsetof(VEXLO_STATS, rx_lost), 0, 0, 7, 0, 0, {}};
+    for (int i = 0; i < 500 && vexlo_get_stats(0, 0, &a) && vexlo_get_stats(0, 1, &b) && a.bad_messages + b.rx_frames < 5;
+         ++i) usleep(10000);
+    EXPECT_EQ(std::vector<unsigned long long>({a.tx_frames, a.rx_frames, b.queue_peak, b.rx_lost, a.bad_messages,
+                                               a.notices[0], a.notices[1], a.notices[2], a.notices[3], a.notices[4]}),
+              std::vector<unsigned long long>({2, 0, 2, 7, 3, 1, 0, 1, 1, 1}));
+    Capture();
+    EXPECT_EQ(vexlo_get_stats(0, 2, &a) + vexlo_get_stats(1, 0, &a) + vexlo_get_stats(0, 0, nullptr) +
+                  static_cast<unsigned>(vexlo_receive_fd(32, 0) + vexlo_receive_fd(1, 1) + 2), 0u);
+    EXPECT_EQ(CountLines(Log(), std::regex(".*: ERR: .*vexlo_.*<[0-9]+>: (invalid parameters|device not opened)")), 5);
+
+    // Readiness: made while the two frames wait, readable while one waits, not once VCI_Receive or
+    // VCI_ClearBuffer has emptied the queue.
+    const int fd = vexlo_receive_fd(0, 1);
+    EXPECT_TRUE(Readable(fd, 0) && VCI_Receive(kType, 0, 1, buf, 1, 0) == 1 && Readable(fd, 0));
+    EXPECT_TRUE(VCI_Receive(kType, 0, 1, buf, 2, 0) == 1 && !Readable(fd, 100));
+    Sim().InjectFrame(1, vs::SimFrame());
+    EXPECT_TRUE(Readable(fd, 5000) && VCI_ClearBuffer(kType, 0, 1) && !Readable(fd, 0));
+
+    // The race: the application drains whenever the descriptor is readable while frames keep
+    // arriving. A lost readiness leaves frames waiting behind a descriptor that never becomes
+    // readable again (no later message signals while older frames wait). At idle priority on the
+    // event thread's CPU, the application is preempted by each completion anywhere in its drain.
+    std::thread app([&] {
+        sched_param idle = {0};
+        pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
+        for (unsigned i = 0; Readable(fd, 1000); ++i)
+            i % 4 ? VCI_Receive(kType, 0, 1, buf, 2, 0) : VCI_ClearBuffer(kType, 0, 1);
+    });
+    for (unsigned r = 0; r < 20000; ++r) {
+        Sim().InjectFrame(1, vs::SimFrame());
+        if (r % 3 == 0) usleep(r * 7919 % 200);
+    }
+    app.join();  // a second without readiness
+    EXPECT_TRUE(VCI_GetReceiveNum(kType, 0, 1) == 0 || Readable(fd, 0));
+
+    // A generator fills channel 0's queue, which nobody reads: every frame is queued or lost.
+    Sim().SetCabled(false);
+    Sim().SetRxCapacity(4u << 20);  // the adapter itself drops nothing
+    vs::SimGenConfig gen;
+    gen.count = 70000;
+    Sim().StartGenerator(0, gen);
+    for (int i = 0; i < 3000 && vexlo_get_stats(0, 0, &a) && a.rx_frames + a.rx_lost < 70000; ++i) usleep(10000);
+    EXPECT_TRUE(a.rx_frames == 65536 && a.rx_lost == 70000 - 65536 && a.queue_peak == 65536);
+}
