@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs, on a Debian 12 machine, every package vexlo needs to build, test and run its demo.
+# Installs, on a Debian 12 machine, every package vexlo needs to build, test and run its demo,
+# and to build and check its Debian packages (scdoc for the manual pages; dpkg-dev, file, lintian).
 # Idempotent and quiet: when everything is there it installs nothing and prints nothing.
 set -euo pipefail
 
@@ -11,6 +12,7 @@ packages=(
   python3-can python3-pytest
   umockdev libumockdev-dev
   valgrind gdb
+  scdoc dpkg-dev file lintian
 )
 
 missing=()

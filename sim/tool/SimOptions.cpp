@@ -103,6 +103,7 @@ const char* SimUsage() {
            "  --uncabled              give each channel a bus of its own (a generator per channel\n"
            "                          can then fill both buses at once)\n"
            "  -h, --help              this text\n"
+           "  --version               the version of vexlo-sim\n"
            "\n"
            "Received records carry time stamps in units of 100 us since the adapter was plugged.\n"
            "example: vexlo-sim -n 2 --generator 1:1000 -- ./my_can_app\n";
@@ -119,6 +120,10 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
         }
         if (a == "-h" || a == "--help") {
             out->help = true;
+            return true;
+        }
+        if (a == "--version") {
+            out->version = true;
             return true;
         }
         if (a == "--uncabled") {

@@ -21,6 +21,7 @@ struct SimToolOptions {
     std::vector<SimToolGenerator> generators;
     bool uncabled = false;
     bool help = false;
+    bool version = false;
     std::vector<std::string> program;  // program and its arguments
 };
 

@@ -27,6 +27,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vexlo-sim: %s\n\n%s", error.c_str(), SimUsage());
         return 2;
     }
+    if (opt.version) {
+        std::printf("vexlo-sim %s\n", VEXLO_VERSION);
+        return 0;
+    }
     if (opt.help) {
         std::fputs(SimUsage(), stdout);
         return 0;

@@ -19,7 +19,8 @@ CanDev::CanDev()
       cache_(CAN_CACHE_SIZE, 0),
       cachelen_(0),
       badmsgs_(0),
-      closing_(false) {
+      closing_(false),
+      closed_(false) {
     XDBG(XLOG_GENERAL, "+++\n");
     memset(err_, 0, sizeof(err_));
     xfers_[CAN_XFER_CMD_OUT].Init(this, 0x01, 0);
@@ -31,7 +32,9 @@ CanDev::CanDev()
 
 CanDev::~CanDev() {
     XDBG(XLOG_GENERAL, "+++\n");
-    Close();
+    // VCI_CloseDevice closes first, to learn whether the transfers could be drained before it
+    // frees anything: Close runs once per close.
+    if (!closed_) Close();
     XDBG(XLOG_GENERAL, "---\n");
 }
 
@@ -135,6 +138,8 @@ int CanDev::Open(U16 vid, U16 pid, U16 index) {
         XDBG(XLOG_GENERAL, "libusb_claim_interface succeeded\n");
         claimed_ = true;
         closing_ = false;
+        closed_ = false;
+        acks_.Reset();
         // Without its event thread the device could never complete a transfer: undo the open.
         if (!usbthread_.Start()) {
             XDBG(XLOG_GENERAL, "libusb_release_interface\n");
@@ -192,6 +197,7 @@ void CanDev::Close() {
         libusb_close(handle_);
         handle_ = nullptr;
     }
+    closed_ = true;
     XDBG(XLOG_GENERAL, "---\n");
 }
 

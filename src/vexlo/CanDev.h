@@ -3,8 +3,16 @@
 // process-wide registry of open devices and the libusb default context they share.
 //
 // Lock order. devlck_, cmdlck_ and fifolck_ are never held together. Under cmdlck_ an exchange
-// takes one transfer's lock at a time (the OUT transfer's, released before the command IN
-// transfer's). The event threads take only transfer locks, one at a time, and never a static lock.
+// holds the OUT transfer's lock while it sends, taking the command IN transfer's lock inside it only
+// to forget earlier answers; it waits for its answer under the command IN transfer's lock alone.
+// The event threads take only transfer locks, one at a time, and never a static lock.
+//
+// Threads. Completions normally run on the event threads. Close, and an exchange that cancelled
+// its OUT transfer, must see the cancellation delivered before they let go of the transfer, so
+// they handle libusb events on the application's thread until it is (WaitDelivered, Close). libusb
+// may then deliver any completion of any open device on that thread, reception included, while
+// the thread holds cmdlck_ (an exchange) or no static lock (Close). The completions take only
+// transfer locks, so this adds no lock cycle, and the other devices' reception goes on meanwhile.
 #pragma once
 
 #include <libusb.h>
@@ -13,6 +21,7 @@
 #include <map>
 #include <vector>
 
+#include "CanAcks.h"
 #include "CanFifo.h"
 #include "CanReady.h"
 #include "CanStats.h"
@@ -87,6 +96,10 @@ public:
     // Raised by Close before it cancels: no transfer of this device is armed again afterwards.
     // Set and tested under each transfer's lock together with its cancellation or submission.
     std::atomic<bool> closing_;
+    // True once Close has run since the last Open: the destructor then does not run it again.
+    bool closed_;
+    // The answers on 0x81 and the exchanges that still wait for one (command IN transfer's lock).
+    CanAcks acks_;
 
     static std::map<unsigned int, CanDev*> devmap_;
     static XLock devlck_;
@@ -95,16 +108,20 @@ public:
     static bool usbinit_;
 
 private:
-    // The two halves of every exchange on the command IN endpoint. PostOut clears the command IN
-    // transfer's record (so only an answer to this packet counts), sends the caller's `len` bytes
-    // on `out`, waits at most timeout + 1000 ms for the completion and returns the bytes sent
-    // (0 when the transfer failed, timed out or could not be submitted); the packet is let go
-    // before it returns. AwaitAck waits at most `timeout` ms for the answer and returns with the
-    // command IN transfer locked, for the caller to read and unlock.
-    U32 PostOut(CanXfer* out, void* pkt, U32 len, U32 timeout);
-    CanXfer* AwaitAck(U32 timeout);
-    // Submits transfer `xfer` unless the device is closing; caller holds the transfer's lock.
-    int Arm(CanXfer* xfer);
+    // The steps of every exchange on the command IN endpoint. PostOut locks `out`, forgets the
+    // answers that came before (so only one to this packet counts), sends a copy of the caller's
+    // `len` bytes, waits at most timeout + 1000 ms for the completion and returns the bytes sent
+    // (0 when the transfer failed, timed out or could not be submitted), or -1 without sending
+    // when `out` is still in flight from an exchange that gave up on it. EndOut cancels, waits
+    // for the cancellation's delivery and unlocks. AwaitAck waits for the answer to an exchange
+    // of `kind` (CanAcks) at most `timeout` ms, dropping late answers to earlier exchanges.
+    int PostOut(CanXfer* out, const void* pkt, U32 len, U32 timeout);
+    void EndOut(CanXfer* out, int posted, U32 timeout);
+    void ForgetAcks();
+    bool AwaitAck(int kind, U32 timeout, CanAcks::Ack* ack);
+    // Submits transfer `xfer` unless the device is closing (false, nothing submitted); caller
+    // holds the transfer's lock. `ret` gets libusb's result.
+    bool Arm(CanXfer* xfer, int* ret);
     // Waits, pumping libusb events, until the transfer's completion has been delivered.
     void WaitDelivered(CanXfer* xfer, int ms);
 };

@@ -6,10 +6,11 @@
 // The IN transfers wait for data with the longest timeout libusb allows (about 49.7 days).
 static const unsigned int kInTimeout = 0xFFFFFFFFu;
 
-int CanDev::Arm(CanXfer* xfer) {
+bool CanDev::Arm(CanXfer* xfer, int* ret) {
     // Tested under the transfer's lock, as Close sets it: nothing is armed once Close has begun.
-    if (closing_) return LIBUSB_ERROR_INTERRUPTED;
-    return xfer->Submit();
+    if (closing_) return false;
+    *ret = xfer->Submit();
+    return true;
 }
 
 void* CanDev::UsbThread(bool* stop, void* arg) {
@@ -17,14 +18,21 @@ void* CanDev::UsbThread(bool* stop, void* arg) {
     XDBG(XLOG_GENERAL, "+++ tid=0x%lx\n", static_cast<unsigned long>(pthread_self()));
     // Named so that it can be told apart in top, gdb and the benchmarks' per-thread accounts.
     pthread_setname_np(pthread_self(), "vexlo-usb");
+    // Both records are filled before either is submitted. Only this thread arms them while the
+    // device is open, so one found idle stays idle until its submission below.
     const int arm[2] = {CAN_XFER_CMD_IN, CAN_XFER_DATA_IN};
-    for (int i : arm) {
-        CanXfer* xfer = dev->GetXfer(i);
+    bool idle[2] = {false, false};
+    for (int k = 0; k < 2; ++k) {
+        CanXfer* xfer = dev->GetXfer(arm[k]);
         XLock guard(xfer);
-        if (!xfer->InFlight()) {
-            xfer->Setup(UsbXferCb, kInTimeout);
-            dev->Arm(xfer);
-        }
+        idle[k] = !xfer->InFlight();
+        if (idle[k]) xfer->Setup(UsbXferCb, kInTimeout);
+    }
+    for (int k = 0; k < 2; ++k) {
+        CanXfer* xfer = dev->GetXfer(arm[k]);
+        XLock guard(xfer);
+        int r = 0;
+        if (idle[k]) dev->Arm(xfer, &r);
     }
     while (!XThread::StopRequested(stop)) {
         struct timeval tv = {0, 100000};
@@ -56,23 +64,38 @@ void CanDev::UsbXferDone(CanXfer* xfer) {
         XDBG(XLOG_GENERAL | XLOG_TIMEOUT, "*** tid=0x%lx, ep=0x%02x, status=%d, size=%d\n", tid, ep, status, size);
         XLock guard(xfer);
         xfer->Setup(UsbXferCb, kInTimeout);
-        if (Arm(xfer) != 0) xfer->SetInFlight(false);
+        int r = 0;
+        if (!Arm(xfer, &r) || r != 0) xfer->SetInFlight(false);
         return;
     }
 
     XDBG(XLOG_GENERAL, "+++ tid=0x%lx, ep=0x%02x, status=%d, size=%d\n", tid, ep, status, size);
     if (status == LIBUSB_TRANSFER_COMPLETED) {
-        if (ep == 0x82) Recv(xfer);
-        XLock guard(xfer);
-        if (ep == 0x01 || ep == 0x02 || ep == 0x81) xfer->Capture(ep == 0x81);
-        bool armed = false;
-        if (in) {
-            int r = Arm(xfer);
-            armed = r == 0;
-            XDBG(XLOG_GENERAL, "submit: ep=0x%02x, ret=%d\n", ep, r);
+        if (ep == 0x82) {
+            Recv(xfer);
+        } else {
+            // The waiter is woken before the IN transfer is armed again: it need not wait for a
+            // submission. The transfer stays marked in flight meanwhile, so Close waits for it.
+            XLock guard(xfer);
+            if (ep == 0x01 || ep == 0x02 || ep == 0x81) xfer->Capture(ep == 0x81);
+            if (ep == 0x81) acks_.Push(xfer->GetData(), xfer->GetSize());
+            if (!in) xfer->SetInFlight(false);
+            xfer->Signal();
         }
-        if (!armed) xfer->SetInFlight(false);
-        xfer->Signal();
+        if (in) {
+            int r = 0;
+            bool tried;
+            {
+                XLock guard(xfer);
+                tried = Arm(xfer, &r);
+                if (!tried || r != 0) xfer->SetInFlight(false);
+            }
+            if (tried) {
+                XDBG(XLOG_GENERAL, "submit: ep=0x%02x, ret=%d\n", ep, r);
+            } else {
+                XDBG(XLOG_GENERAL, "submit: ep=0x%02x, not armed again: device closing\n", ep);
+            }
+        }
     } else if (status == LIBUSB_TRANSFER_CANCELLED) {
         XLock guard(xfer);
         xfer->SetInFlight(false);

@@ -15,27 +15,26 @@ int CanDev::Send(CAN_OBJX* recs, U32* count, U32 timeout) {
         XDUMP(XLOG_DUMP, "tx: ", reinterpret_cast<const U8*>(recs), CAN_REC_SIZE);
 
         const U32 bytes = CAN_REC_SIZE * n;
-        U32 sent = PostOut(GetXfer(CAN_XFER_DATA_OUT), recs, bytes, timeout);
+        CanXfer* out = GetXfer(CAN_XFER_DATA_OUT);
+        int posted = PostOut(out, recs, bytes, timeout);
+        U32 sent = posted > 0 ? static_cast<U32>(posted) : 0;
         XDBG(XLOG_GENERAL, "xfer(tx): size=%d\n", sent);
+        EndOut(out, posted, timeout);
         if (sent != bytes) {
             XERR("xfer(tx) failed\n");
             break;
         }
 
-        CanXfer* in = AwaitAck(timeout);
-        U32 got = in->GetSize();
+        CanAcks::Ack answer;
+        U32 got = AwaitAck(CanAcks::kFrames, timeout, &answer) ? answer.size : 0;
         XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
-        XDUMP(XLOG_DUMP, "ack: ", in->GetData(), got);
+        XDUMP(XLOG_DUMP, "ack: ", answer.bytes, got);
+        // The count lives in byte 2: an answer that stops before it counts as none.
         if (got >= 3) {
-            U32 accepted = in->GetData()[2];
+            U32 accepted = answer.bytes[2];
             *count = accepted < n ? accepted : n;
             result = 0;
-        } else if (got != 0) {
-            // The count lives in byte 2; an answer that stops before it accepted nothing we can
-            // know of, so it counts as no acknowledgement.
-            XWRN("ack too short: size=%d\n", got);
         }
-        in->Unlock();
     } while (false);
     U32 done = count ? *count : 0;
     XDBG(XLOG_GENERAL, "--- ret=%d: %d frames, %ld bytes\n", result, done, static_cast<long>(CAN_REC_SIZE) * done);

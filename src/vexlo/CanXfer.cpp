@@ -56,6 +56,12 @@ int CanXfer::Cancel() {
     return libusb_cancel_transfer(xfer_);
 }
 
+U8* CanXfer::Hold(const void* data, U32 size) {
+    if (packet_.size() < size) packet_.resize(size);
+    if (size != 0) memcpy(packet_.data(), data, size);
+    return packet_.data();
+}
+
 void CanXfer::Capture(bool copy) {
     XDBG(XLOG_XFER, "*** ep=0x%02x\n", ep_);
     U32 n = xfer_->actual_length > 0 ? static_cast<U32>(xfer_->actual_length) : 0;

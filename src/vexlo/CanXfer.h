@@ -31,12 +31,16 @@ public:
     int Submit();
     int Cancel();
     void Capture(bool copy);
+    // Copies an outgoing packet into memory the transfer owns and returns it: a transfer that an
+    // exchange gave up on may still be read by the USB stack, never from the caller's memory.
+    U8* Hold(const void* data, U32 size);
 
     libusb_transfer* GetXfer() { return xfer_; }
     CanDev* GetDev() { return dev_; }
     U8* GetData() { return data_.empty() ? nullptr : data_.data(); }
     U32 GetSize() const { return __atomic_load_n(&size_, __ATOMIC_ACQUIRE); }
-    // Made without the lock by the exchanges before they send: forgets the last completion.
+    // Forgets the last completion. The exchanges clear the command IN transfer under its lock, so
+    // that a completion captured at the same moment is either wholly forgotten or wholly kept.
     void ClrSize() {
         __atomic_store_n(&size_, 0, __ATOMIC_RELEASE);
         __atomic_store_n(&captured_, false, __ATOMIC_RELEASE);
@@ -55,6 +59,7 @@ public:
     U8 ep_;
     std::vector<U8> buffer_;
     std::vector<U8> data_;
+    std::vector<U8> packet_;  // the packet of an OUT transfer (Hold); grows, never shrinks
     U32 size_;
     bool captured_;
     bool inflight_;

@@ -32,33 +32,45 @@ extern "C" VEXLO_API unsigned int VCI_InitCAN(unsigned int DevType, unsigned int
     return result;
 }
 
-// Start and reset differ only in their packet (code and length byte); the lines they write name
-// the exported call itself.
-static unsigned int VciChannelCommand(unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex, U8 code,
-                                      U8 lenbyte, const char* func, int line) {
-    CanDev* dev = CanDev::FindDevice(DevIndex);
-    XDBG_AT(XLOG_GENERAL, func, line, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
-    unsigned int result = 0;
-    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1) {
-        XLogWrite("ERR", func, line, "invalid parameters\n");
-    } else if (!dev) {
-        XLogWrite("ERR", func, line, "device not opened\n");
-    } else {
-        XLock guard(&CanDev::cmdlck_);
-        VciPacket pkt = VciMakePacket(code, lenbyte, 5);
-        pkt.bytes[4] = static_cast<U8>(CANIndex << 4);
-        U8 ack[VCI_ACK_CAP];
-        result = VciExchange(func, line, dev, &pkt, ack) ? 1 : 0;
-    }
-    XDBG_AT(XLOG_GENERAL, func, line, "--- ret=%d\n", result);
-    return result;
+// Start and reset differ only in their packet (code and length byte). The caller has checked its
+// arguments and holds cmdlck_; "Cmd failed" and "Ack error" name the caller and its line.
+static unsigned int VciChannelCommand(CanDev* dev, unsigned int CANIndex, U8 code, U8 lenbyte, const char* func,
+                                      int line) {
+    VciPacket pkt = VciMakePacket(code, lenbyte, 5);
+    pkt.bytes[4] = static_cast<U8>(CANIndex << 4);
+    U8 ack[VCI_ACK_CAP];
+    return VciExchange(func, line, dev, &pkt, ack) ? 1 : 0;
 }
 
 extern "C" VEXLO_API unsigned int VCI_StartCAN(unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex) {
-    return VciChannelCommand(DevType, DevIndex, CANIndex, 0x0E, 0x02, __PRETTY_FUNCTION__, __LINE__);
+    CanDev* dev = CanDev::FindDevice(DevIndex);
+    XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
+    unsigned int result = 0;
+    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1) {
+        XERR("invalid parameters\n");
+    } else if (!dev) {
+        XERR("device not opened\n");
+    } else {
+        XLock guard(&CanDev::cmdlck_);
+        result = VciChannelCommand(dev, CANIndex, 0x0E, 0x02, __PRETTY_FUNCTION__, __LINE__);
+    }
+    XDBG(XLOG_GENERAL, "--- ret=%d\n", result);
+    return result;
 }
 
 extern "C" VEXLO_API unsigned int VCI_ResetCAN(unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex) {
-    // The reset packet carries 0x12 in its length byte, as the adapter expects.
-    return VciChannelCommand(DevType, DevIndex, CANIndex, 0x0F, 0x12, __PRETTY_FUNCTION__, __LINE__);
+    CanDev* dev = CanDev::FindDevice(DevIndex);
+    XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
+    unsigned int result = 0;
+    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1) {
+        XERR("invalid parameters\n");
+    } else if (!dev) {
+        XERR("device not opened\n");
+    } else {
+        XLock guard(&CanDev::cmdlck_);
+        // The reset packet carries 0x12 in its length byte, as the adapter expects.
+        result = VciChannelCommand(dev, CANIndex, 0x0F, 0x12, __PRETTY_FUNCTION__, __LINE__);
+    }
+    XDBG(XLOG_GENERAL, "--- ret=%d\n", result);
+    return result;
 }

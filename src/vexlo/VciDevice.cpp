@@ -36,9 +36,10 @@ extern "C" VEXLO_API unsigned int VCI_CloseDevice(unsigned int DevType, unsigned
         unsigned int channels = DevType == 3 ? 1 : 2;
         for (unsigned int ch = 0; ch < channels; ++ch) VCI_ResetCAN(DevType, DevIndex, ch);
         CanDev::DelDevice(DevIndex);
+        // Closed before it is destroyed: a transfer whose completion never came would be written
+        // into freed memory, so such a device is left allocated (Close has reported it) rather
+        // than freed under libusb's feet. The destructor does not close it again.
         dev->Close();
-        // A transfer whose completion never came would be written into freed memory; such a
-        // device is left allocated (Close has reported it) rather than freed under libusb's feet.
         if (!dev->AnyInFlight()) delete dev;
     }
     XDBG(XLOG_GENERAL, "---\n");

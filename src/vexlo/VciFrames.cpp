@@ -85,26 +85,17 @@ extern "C" VEXLO_API unsigned int VCI_Receive(unsigned int DevType, unsigned int
     return result;
 }
 
-// Counting and clearing share their frame: checks, then one queue operation under fifolck_.
-static CanFifo* VciQueue(unsigned int DevIndex, unsigned int CANIndex, CanDev* dev, const char* func, int line) {
-    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1) {
-        XLogWrite("ERR", func, line, "invalid parameters\n");
-        return nullptr;
-    }
-    if (!dev) {
-        XLogWrite("ERR", func, line, "device not opened\n");
-        return nullptr;
-    }
-    return dev->GetFifo(static_cast<int>(CANIndex));
-}
-
 extern "C" VEXLO_API unsigned int VCI_GetReceiveNum(unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex) {
     CanDev* dev = CanDev::FindDevice(DevIndex);
     XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
     unsigned int result = 0;
-    if (CanFifo* fifo = VciQueue(DevIndex, CANIndex, dev, __PRETTY_FUNCTION__, __LINE__)) {
+    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1) {
+        XERR("invalid parameters\n");
+    } else if (!dev) {
+        XERR("device not opened\n");
+    } else {
         XLock guard(&CanDev::fifolck_);
-        result = fifo->Size();
+        result = dev->GetFifo(static_cast<int>(CANIndex))->Size();
     }
     XDBG(XLOG_GENERAL, "--- ret=%d\n", result);
     return result;
@@ -114,8 +105,13 @@ extern "C" VEXLO_API unsigned int VCI_ClearBuffer(unsigned int DevType, unsigned
     CanDev* dev = CanDev::FindDevice(DevIndex);
     XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
     unsigned int result = 0;
-    if (CanFifo* fifo = VciQueue(DevIndex, CANIndex, dev, __PRETTY_FUNCTION__, __LINE__)) {
+    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1) {
+        XERR("invalid parameters\n");
+    } else if (!dev) {
+        XERR("device not opened\n");
+    } else {
         XLock guard(&CanDev::fifolck_);
+        CanFifo* fifo = dev->GetFifo(static_cast<int>(CANIndex));
         fifo->Clear();
         dev->ready_[CANIndex].Taken(fifo);
         result = 1;

@@ -2,42 +2,52 @@
 #include "VciCommon.h"
 
 // A register read (0x0D: the value comes back in byte 4 of the answer, replacing the address in
-// byte 0 of pData) or write (0x0C: address and value from bytes 0 and 1). The lines it writes name
-// the exported call.
-static unsigned int VciReference(bool write, unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex,
-                                 unsigned int RefType, void* pData, const char* func, int line) {
-    CanDev* dev = CanDev::FindDevice(DevIndex);
-    XDBG_AT(XLOG_GENERAL, func, line, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
-    unsigned int result = 0;
-    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1 || RefType != 1 || !pData) {
-        XLogWrite("ERR", func, line, "invalid parameters\n");
-    } else if (!dev) {
-        XLogWrite("ERR", func, line, "device not opened\n");
-    } else {
-        XLock guard(&CanDev::cmdlck_);
-        U8* data = static_cast<U8*>(pData);
-        VciPacket pkt = write ? VciMakePacket(0x0C, 0x04, 7) : VciMakePacket(0x0D, 0x03, 6);
-        pkt.bytes[4] = static_cast<U8>(CANIndex << 4);
-        pkt.bytes[5] = data[0];
-        if (write) pkt.bytes[6] = data[1];
-        U8 ack[VCI_ACK_CAP];
-        if (VciExchange(func, line, dev, &pkt, ack)) {
-            if (!write) data[0] = ack[4];
-            result = 1;
-        }
-    }
-    XDBG_AT(XLOG_GENERAL, func, line, "--- ret=%d\n", result);
-    return result;
+// byte 0 of pData) or write (0x0C: address and value from bytes 0 and 1). The caller has checked
+// its arguments and holds cmdlck_; "Cmd failed" and "Ack error" name the caller and its line.
+static unsigned int VciReference(bool write, CanDev* dev, unsigned int CANIndex, U8* data, const char* func,
+                                 int line) {
+    VciPacket pkt = write ? VciMakePacket(0x0C, 0x04, 7) : VciMakePacket(0x0D, 0x03, 6);
+    pkt.bytes[4] = static_cast<U8>(CANIndex << 4);
+    pkt.bytes[5] = data[0];
+    if (write) pkt.bytes[6] = data[1];
+    U8 ack[VCI_ACK_CAP];
+    if (!VciExchange(func, line, dev, &pkt, ack)) return 0;
+    if (!write) data[0] = ack[4];
+    return 1;
 }
 
 extern "C" VEXLO_API unsigned int VCI_GetReference(unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex,
                                                    unsigned int RefType, void* pData) {
-    return VciReference(false, DevType, DevIndex, CANIndex, RefType, pData, __PRETTY_FUNCTION__, __LINE__);
+    CanDev* dev = CanDev::FindDevice(DevIndex);
+    XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
+    unsigned int result = 0;
+    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1 || RefType != 1 || !pData) {
+        XERR("invalid parameters\n");
+    } else if (!dev) {
+        XERR("device not opened\n");
+    } else {
+        XLock guard(&CanDev::cmdlck_);
+        result = VciReference(false, dev, CANIndex, static_cast<U8*>(pData), __PRETTY_FUNCTION__, __LINE__);
+    }
+    XDBG(XLOG_GENERAL, "--- ret=%d\n", result);
+    return result;
 }
 
 extern "C" VEXLO_API unsigned int VCI_SetReference(unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex,
                                                    unsigned int RefType, void* pData) {
-    return VciReference(true, DevType, DevIndex, CANIndex, RefType, pData, __PRETTY_FUNCTION__, __LINE__);
+    CanDev* dev = CanDev::FindDevice(DevIndex);
+    XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d, Port=%d\n", DevType, DevIndex, CANIndex);
+    unsigned int result = 0;
+    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1 || RefType != 1 || !pData) {
+        XERR("invalid parameters\n");
+    } else if (!dev) {
+        XERR("device not opened\n");
+    } else {
+        XLock guard(&CanDev::cmdlck_);
+        result = VciReference(true, dev, CANIndex, static_cast<U8*>(pData), __PRETTY_FUNCTION__, __LINE__);
+    }
+    XDBG(XLOG_GENERAL, "--- ret=%d\n", result);
+    return result;
 }
 
 extern "C" VEXLO_API unsigned int VCI_ReadCANStatus(unsigned int DevType, unsigned int DevIndex, unsigned int CANIndex,

@@ -257,6 +257,14 @@ TEST_F(CommandTest, OutTransferThatNeverCompletesOrStalls) {
     EXPECT_EQ(p[1], "ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(cmd) failed");
 }
 
+// The line numbers of the DBG lines of the function `sig`, in order.
+static std::vector<std::string> LineNos(const std::string& log, const std::string& sig) {
+    std::regex re(": vexlo: DBG: " + std::regex_replace(sig, std::regex(R"([()*])"), R"(\$&)") + "<([0-9]+)>");
+    std::vector<std::string> out;
+    for (std::sregex_iterator it(log.begin(), log.end(), re), end; it != end; ++it) out.push_back((*it)[1]);
+    return out;
+}
+
 TEST_F(CommandTest, TracesAndDumpsUnderTheirMasks) {
     OpenAndStart();
     CAN_STAT stat;
@@ -296,4 +304,28 @@ TEST_F(CommandTest, TracesAndDumpsUnderTheirMasks) {
                                      "ACC=0x12345678, ACM=0xffffffff, AFM=0x00, T0=0x00, T1=0x14, LOM=0x00")),
               1)
         << log;
+
+    // Open, start, read, close at masks 0x1 and 0x2. The event thread fills both IN records before
+    // it submits either; an answer is captured before its transfer is armed again. Close runs once,
+    // so it cancels the data IN transfer once.
+    ASSERT_EQ(VCI_CloseDevice(kType, 0), 1u);
+    VCI_Debug(0x3);
+    Capture();
+    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
+    ASSERT_EQ(VCI_StartCAN(kType, 0, 0), 1u);
+    ASSERT_EQ(VCI_GetReference(kType, 0, 0, 1, ref), 1u);
+    ASSERT_EQ(VCI_CloseDevice(kType, 0), 1u);
+    log = Log();
+    VCI_Debug(0);
+    std::regex arm("CanXfer::(Setup|Submit|Capture)[^>]*>: \\*\\*\\* ep=0x8[12]");
+    std::string seq;
+    for (std::sregex_iterator it(log.begin(), log.end(), arm), end; it != end; ++it) seq += (*it).str().substr(9, 3);
+    EXPECT_EQ(seq.substr(0, 18), "SetSetSubSubCapSub") << log;
+    EXPECT_EQ(CountLines(log, LineRe("DBG", "void CanDev::Close()", "+++")), 1) << log;
+    EXPECT_EQ(CountLines(log, LineRe("DBG", "int CanXfer::Cancel()", "*** ep=0x82")), 1) << log;
+    for (std::string sig : {kStartSig, kRefSig, "unsigned int VCI_ResetCAN(unsigned int, unsigned int, unsigned int)"}) {
+        std::vector<std::string> n = LineNos(log, sig);
+        ASSERT_GE(n.size(), 2u) << sig;
+        EXPECT_NE(n.front(), n.back()) << sig;
+    }
 }

@@ -119,8 +119,7 @@ TEST_F(FrameTest, TransmitStopsAtPartialOrMissingAcknowledgement) {
     Sim().SetAckFault(vs::SimAckFault::kShort, vs::kTxAck, 1);
     Capture();
     EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 1), 0u);
-    EXPECT_EQ(Problems(Log()), (std::vector<std::string>{"WRN int CanDev::Send(CAN_OBJX*, U32*, U32): ack too short: size=2",
-                                                         std::string("ERR ") + kTxSig + ": Send failed"}));
+    EXPECT_EQ(Problems(Log()), std::vector<std::string>{std::string("ERR ") + kTxSig + ": Send failed"});
 
     // The packet itself never goes out: libusb's 2000 ms timeout, the wait of 3000 ms.
     Sim().ClearFaults();
