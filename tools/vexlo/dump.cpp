@@ -190,6 +190,8 @@ int XDump::Run() {
                 if (got < buf.size()) break;
             }
         }
+        // One write per wake-up: a reader at the other end of a pipe sees frames as they come.
+        std::fflush(Out());
     }
     // The summary: what was shown, what the library queued and what it lost for want of room.
     for (const Channel& c : chans_) {

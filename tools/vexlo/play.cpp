@@ -68,10 +68,6 @@ int RunPlay(int argc, char** argv) {
             file = args.Operand();
             continue;
         }
-        if (opt == "-") {  // standard input as the file
-            file = opt;
-            continue;
-        }
         int taken = TakeCommonOption(opt, &args, &common);
         if (taken < 0) return kExitUsage;
         if (taken > 0) continue;
