@@ -175,7 +175,7 @@ int XDump::Run() {
             if (!(fds[i].revents & POLLIN)) continue;
             // Only ask for what is queued: the receive call waits when its queue is empty.
             unsigned queued;
-            while ((queued = VCI_GetReceiveNum(kDevType, common_.dev, c.ch)) > 0) {
+            while ((count_ == 0 || total_ < count_) && (queued = VCI_GetReceiveNum(kDevType, common_.dev, c.ch)) > 0) {
                 unsigned got = VCI_Receive(kDevType, common_.dev, c.ch, buf.data(),
                                            queued < buf.size() ? queued : static_cast<unsigned>(buf.size()), 0);
                 if (got == 0 || got > buf.size()) break;
