@@ -229,9 +229,9 @@ void SimAdapter::AdvanceBus(unsigned seg, uint64_t now) {
         const Cand& w = cands[win];
         uint32_t rate = ch_[w.ch].bitrate_;
 
-        // Any other node at the same bit rate acknowledges: a controller on the bus that is not
-        // listen-only, or a running generator.
-        bool acked = false;
+        // The analyser acknowledges, and so does any other node at the same bit rate: a
+        // controller on the bus that is not listen-only, or a running generator.
+        bool acked = static_cast<bool>(analyser_);
         for (unsigned c = 0; c < kChannels; ++c) {
             if (!OnSegment(c, seg) || !ch_[c].OnBus() || ch_[c].bitrate_ != rate) continue;
             if ((w.gen || c != w.ch) && ch_[c].Acknowledges()) acked = true;
@@ -249,6 +249,7 @@ void SimAdapter::AdvanceBus(unsigned seg, uint64_t now) {
         notices.clear();
 
         SimFrame f = w.f;  // w points into cands, which the calls below do not touch
+        if (acked && analyser_) analyser_(w.ch, f, end);
         if (acked) {
             for (unsigned c = 0; c < kChannels; ++c) {
                 if (!OnSegment(c, seg) || !ch_[c].OnBus() || ch_[c].bitrate_ != rate) continue;

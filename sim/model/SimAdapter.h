@@ -11,12 +11,17 @@
 // bus of its own. A generator is a remote node on its channel's bus that runs at that channel's bit
 // rate while the channel is on the bus.
 //
+// An analyser, when set, is a listening node on every bus of the adapter: like any error-active
+// node it acknowledges each frame, whatever the bit rate, and it is told of every frame that
+// completes, with the channel (or that channel's generator) that sent it and when the frame ended.
+//
 // Status counters (command 0x06): the first counts bus busy time, the second bus idle time, both in
 // 100 us units since the channel was started, so the host's percentage is the bus load.
 #pragma once
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -77,6 +82,7 @@ public:
     SimGenerator gen_[kChannels];
     SimInStream in_;
     bool cabled_ = true;
+    std::function<void(unsigned ch, const SimFrame& f, uint64_t end)> analyser_;
     uint64_t rx_dropped_ = 0;  // records lost to a full receive buffer
 
 private:

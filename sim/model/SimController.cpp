@@ -100,6 +100,9 @@ void SimController::WriteReg(uint8_t addr, uint8_t value, uint64_t now) {
 bool SimController::Queue(const SimFrame& f, uint64_t now) {
     if (!OnBus() || listen_only_ || txq_.size() >= tx_capacity_) return false;
     txq_.push_back(f);
+    // The controller's identifier registers hold 11 bits for a standard frame and 29 for an
+    // extended one: higher bits the host sent never reach the bus.
+    txq_.back().id &= f.ext ? 0x1FFFFFFFu : 0x7FFu;
     txq_ready_.push_back(now);
     tx_complete_ = false;
     return true;

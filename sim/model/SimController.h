@@ -52,7 +52,8 @@ public:
     bool Acknowledges() const { return OnBus() && !listen_only_; }
     bool ErrorPassive() const { return tec_ >= 128 || rec_ >= 128; }
 
-    // Queue a frame from the host; false when the buffer is full or the channel cannot send.
+    // Queue a frame from the host, its identifier cut to the bits of its format; false when the
+    // buffer is full or the channel cannot send.
     bool Queue(const SimFrame& f, uint64_t now);
     size_t TxFree() const { return tx_capacity_ - txq_.size(); }
 

@@ -1,5 +1,6 @@
 #include "tool/SimOptions.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -11,6 +12,52 @@ bool ParseUnsigned(const std::string& s, unsigned long* v, int base = 10) {
     char* end = nullptr;
     *v = std::strtoul(s.c_str(), &end, base);
     return *end == 0;
+}
+
+std::vector<std::string> Split(const std::string& arg) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (size_t p; (p = arg.find(':', start)) != std::string::npos; start = p + 1)
+        parts.push_back(arg.substr(start, p - start));
+    parts.push_back(arg.substr(start));
+    return parts;
+}
+
+// Seconds since the program started: 0 to a year, fractions allowed.
+bool ParseSeconds(const std::string& s, double* v) {
+    if (s.empty()) return false;
+    char* end = nullptr;
+    *v = std::strtod(s.c_str(), &end);
+    return *end == 0 && std::isfinite(*v) && *v >= 0 && *v <= 366 * 86400.0;
+}
+
+// "A:AT[:BACK]".
+bool ParseUnplug(const std::string& arg, SimToolUnplug* u, std::string* error) {
+    std::vector<std::string> p = Split(arg);
+    unsigned long a = 0;
+    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && a <= 32 &&
+              ParseSeconds(p[1], &u->at) && (p.size() == 2 || (ParseSeconds(p[2], &u->back) && u->back > u->at));
+    u->adapter = static_cast<unsigned>(a);
+    if (!ok) *error = "bad unplug '" + arg + "' (A:AT[:BACK] in seconds from the start, BACK after AT)";
+    return ok;
+}
+
+// "A:MS[:AT]".
+bool ParseDelay(const std::string& arg, SimToolDelay* d, std::string* error) {
+    std::vector<std::string> p = Split(arg);
+    unsigned long a = 0, ms = 0;
+    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && a <= 32 &&
+              ParseUnsigned(p[1], &ms) && ms <= 3600000 && (p.size() == 2 || ParseSeconds(p[2], &d->at));
+    d->adapter = static_cast<unsigned>(a);
+    d->ms = static_cast<unsigned>(ms);
+    if (!ok) *error = "bad answer delay '" + arg + "' (A:MS[:AT], MS at most 3600000, AT in seconds)";
+    return ok;
+}
+
+// Two unplugs of one adapter must not overlap: the second would find it unplugged already.
+bool UnplugsOverlap(const SimToolUnplug& x, const SimToolUnplug& y) {
+    double x_end = x.back < 0 ? HUGE_VAL : x.back, y_end = y.back < 0 ? HUGE_VAL : y.back;
+    return x.adapter == y.adapter && x.at < y_end && y.at < x_end;
 }
 
 // "[ADAPTER:]VALUE": the adapter index (default all) and the value.
@@ -29,11 +76,7 @@ bool SplitTarget(const std::string& arg, int* adapter, std::string* value) {
 
 // "CH[@ADAPTER][:RATE[:PATTERN]]", pattern one of seq, seq8, ext, dlc.
 bool ParseGenerator(const std::string& arg, SimToolGenerator* g, std::string* error) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    for (size_t p; (p = arg.find(':', start)) != std::string::npos; start = p + 1)
-        parts.push_back(arg.substr(start, p - start));
-    parts.push_back(arg.substr(start));
+    std::vector<std::string> parts = Split(arg);
     std::string where = parts[0];
     unsigned long ch = 0, ad = 0;
     size_t at = where.find('@');
@@ -102,11 +145,28 @@ const char* SimUsage() {
            "                            dlc   standard, data length cycling 0..8\n"
            "  --uncabled              give each channel a bus of its own (a generator per channel\n"
            "                          can then fill both buses at once)\n"
+           "  --unplug A:AT[:BACK]    unplug adapter A AT seconds after PROGRAM starts, and plug it\n"
+           "                          back BACK seconds after the start (omitted: never). Transfers\n"
+           "                          in flight end with no-device, later ones fail; the replugged\n"
+           "                          adapter has a new device number and its channels in reset.\n"
+           "                          Fractions allowed (0.5); may be given more than once\n"
+           "  --answer-delay A:MS[:AT]\n"
+           "                          from AT seconds after the start (default 0), adapter A answers\n"
+           "                          every command and transmit packet MS milliseconds late (a slow\n"
+           "                          adapter; past the host's wait an answer comes after its call)\n"
+           "  --trace FILE            write every frame completed on each simulated bus to FILE (-:\n"
+           "                          stderr) in the candump log format, e.g.\n"
+           "                            (1700000000.123456) sim0can1 123#DEADBEEF\n"
+           "                          simAcanCH names the adapter and channel (or generator) that\n"
+           "                          sent it, the time is the host's wall clock. Each bus then also\n"
+           "                          has a listening analyser that, like any error-active node,\n"
+           "                          acknowledges frames: a lone sender's frames complete\n"
            "  -h, --help              this text\n"
            "  --version               the version of vexlo-sim\n"
            "\n"
            "Received records carry time stamps in units of 100 us since the adapter was plugged.\n"
-           "example: vexlo-sim -n 2 --generator 1:1000 -- ./my_can_app\n";
+           "examples: vexlo-sim -n 2 --generator 1:1000 -- ./my_can_app\n"
+           "          vexlo-sim --unplug 0:2:5 --answer-delay 0:1500:8 --trace - -- ./my_can_app\n";
 }
 
 bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* error) {
@@ -131,12 +191,13 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
             continue;
         }
         bool takes = a == "-n" || a == "--adapters" || a == "-g" || a == "--generator" ||
-                     a == "--serial" || a == "--id-text" || a == "--hw-version" || a == "--fw-version";
+                     a == "--serial" || a == "--id-text" || a == "--hw-version" || a == "--fw-version" ||
+                     a == "--unplug" || a == "--answer-delay" || a == "--trace";
         if (!takes) {
             *error = "unknown option '" + a + "' (the program goes after --)";
             return false;
         }
-        if (i + 1 >= argc) {
+        if (i + 1 >= argc || std::strcmp(argv[i + 1], "--") == 0) {
             *error = "option '" + a + "' needs a value";
             return false;
         }
@@ -152,6 +213,20 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
             SimToolGenerator g;
             if (!ParseGenerator(v, &g, error)) return false;
             out->generators.push_back(g);
+        } else if (a == "--unplug") {
+            SimToolUnplug u;
+            if (!ParseUnplug(v, &u, error)) return false;
+            out->unplugs.push_back(u);
+        } else if (a == "--answer-delay") {
+            SimToolDelay d;
+            if (!ParseDelay(v, &d, error)) return false;
+            out->delays.push_back(d);
+        } else if (a == "--trace") {
+            if (v.empty()) {
+                *error = "option '--trace' needs a file name or -";
+                return false;
+            }
+            out->trace = v;
         } else {
             idopts.emplace_back(a, v);
         }
@@ -185,6 +260,25 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
     for (const SimToolGenerator& g : out->generators) {
         if (g.adapter >= out->adapters) {
             *error = "generator names adapter " + std::to_string(g.adapter) + ", which does not exist";
+            return false;
+        }
+    }
+    for (size_t k = 0; k < out->unplugs.size(); ++k) {
+        const SimToolUnplug& u = out->unplugs[k];
+        if (u.adapter >= out->adapters) {
+            *error = "unplug names adapter " + std::to_string(u.adapter) + ", which does not exist";
+            return false;
+        }
+        for (size_t j = 0; j < k; ++j) {
+            if (UnplugsOverlap(u, out->unplugs[j])) {
+                *error = "unplugs of adapter " + std::to_string(u.adapter) + " overlap";
+                return false;
+            }
+        }
+    }
+    for (const SimToolDelay& d : out->delays) {
+        if (d.adapter >= out->adapters) {
+            *error = "answer delay names adapter " + std::to_string(d.adapter) + ", which does not exist";
             return false;
         }
     }

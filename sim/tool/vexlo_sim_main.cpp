@@ -1,5 +1,7 @@
 // vexlo-sim: runs a program against simulated adapters. The adapters live in this process; the
 // program runs in a child process with the umockdev preload, which routes its USB calls here.
+// This process has the preload linked in as well, so that the testbed can send the program's
+// libusb the events of an unplug and a replug.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,14 +13,32 @@
 #include <string>
 #include <vector>
 
+#include "tool/SimFaultPlan.h"
 #include "tool/SimOptions.h"
+#include "tool/SimTrace.h"
 #include "usb/SimTestbed.h"
 
 using namespace vexlo_sim;
 
 namespace {
 const char kPreload[] = "libumockdev-preload.so.0";
+volatile pid_t g_child = 0;
+
+// A termination sent to vexlo-sim alone goes on to the program, which then ends and lets the
+// trace be written out; Ctrl-C reaches the program through the terminal's process group.
+void PassOn(int sig) {
+    if (g_child > 0) kill(g_child, sig);
 }
+
+void SetSignal(int sig, void (*handler)(int)) {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(sig, &sa, nullptr);
+}
+}  // namespace
 
 int main(int argc, char** argv) {
     SimToolOptions opt;
@@ -35,24 +55,42 @@ int main(int argc, char** argv) {
         std::fputs(SimUsage(), stdout);
         return 0;
     }
-    SimTestbed bed(opt.adapters, opt.ids, false);
+    SimTrace trace;  // outlives the testbed, whose engine feeds it
+    SimTestbed bed(opt.adapters, opt.ids, true);
     if (!bed.Ok()) {
         std::fprintf(stderr, "vexlo-sim: cannot set up the simulated adapters\n");
         return 2;
     }
-    for (unsigned a = 0; a < bed.Count(); ++a) bed.Adapter(a).SetCabled(!opt.uncabled);
+    if (!opt.trace.empty() && !trace.Open(opt.trace, &error)) {
+        std::fprintf(stderr, "vexlo-sim: %s\n", error.c_str());
+        return 2;
+    }
+    for (unsigned a = 0; a < bed.Count(); ++a) {
+        bed.Adapter(a).SetCabled(!opt.uncabled);
+        if (!opt.trace.empty())
+            bed.Adapter(a).SetAnalyser([&trace, a](unsigned ch, const SimFrame& f, uint64_t end) {
+                trace.Add(a, ch, f, end);
+            });
+    }
     for (const SimToolGenerator& g : opt.generators) bed.Adapter(g.adapter).StartGenerator(g.channel, g.cfg);
+    SimFaultPlan plan(&bed, opt);
 
     // The child gets the preload ahead of whatever it already preloads.
     const char* old = std::getenv("LD_PRELOAD");
     std::string preload = std::string(kPreload) + (old && *old ? std::string(":") + old : "");
     std::fflush(nullptr);
+    SetSignal(SIGINT, SIG_IGN);
+    SetSignal(SIGQUIT, SIG_IGN);
+    SetSignal(SIGPIPE, SIG_IGN);  // a trace pipe that closes is reported, not fatal
     pid_t pid = fork();
     if (pid < 0) {
         std::perror("vexlo-sim: fork");
         return 2;
     }
     if (pid == 0) {
+        SetSignal(SIGINT, SIG_DFL);
+        SetSignal(SIGQUIT, SIG_DFL);
+        SetSignal(SIGPIPE, SIG_DFL);
         setenv("LD_PRELOAD", preload.c_str(), 1);
         std::vector<char*> args;
         for (std::string& s : opt.program) args.push_back(&s[0]);
@@ -61,8 +99,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vexlo-sim: cannot run %s: %s\n", args[0], std::strerror(errno));
         _exit(127);
     }
-    // Signals meant for the program reach it through the terminal's process group; pass on
-    // a termination sent to us alone.
+    g_child = pid;
+    SetSignal(SIGTERM, &PassOn);
+    SetSignal(SIGHUP, &PassOn);
+    plan.Start();
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR) {
@@ -70,6 +110,7 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    plan.Stop();
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return 2;

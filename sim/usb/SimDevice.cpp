@@ -20,8 +20,17 @@ bool SimDevice::Plug() {
     {
         Lock lock(bed_->mu_);
         if (plugged_) return false;
-        auto fresh = std::make_unique<SimAdapter>(position_, id_, SimTestbed::Now());
-        if (adapter_) fresh->faults_ = adapter_->faults_;
+        uint64_t now = SimTestbed::Now();
+        auto fresh = std::make_unique<SimAdapter>(position_, id_, now);
+        if (adapter_) {
+            fresh->faults_ = adapter_->faults_;
+            fresh->cabled_ = adapter_->cabled_;
+            fresh->analyser_ = adapter_->analyser_;
+            for (unsigned c = 0; c < kChannels; ++c) {
+                fresh->gen_[c] = adapter_->gen_[c];
+                fresh->gen_[c].Hold(now);  // the remote nodes waited while the adapter was away
+            }
+        }
         adapter_ = std::move(fresh);
         SimTestbed* bed = bed_;
         plugs_.push_back(std::make_unique<SimUsbDevice>(&bed_->mu_, adapter_.get(), &log_,
@@ -33,7 +42,7 @@ bool SimDevice::Plug() {
     std::string syspath;
     if (!bed_->AddNode(usb, position_, &syspath)) return false;
     Lock lock(bed_->mu_);
-    syspaths_.push_back(syspath);
+    syspath_ = syspath;
     plugged_ = true;
     bed_->Kick();  // anything the host started before this is timed from now on
     return true;
@@ -46,10 +55,33 @@ bool SimDevice::Unplug() {
         if (!plugged_) return false;
         plugs_.back()->Unplug();
         plugged_ = false;
-        path = syspaths_.back();
+        path = syspath_;
     }
     bed_->RemoveNode(path);
+    Sweep();
     return true;
+}
+
+bool SimDevice::SweepPending() const {
+    for (const auto& p : plugs_)
+        if (p->Idle()) return true;
+    return false;
+}
+
+void SimDevice::Sweep() {
+    std::vector<std::unique_ptr<SimUsbDevice>> idle;
+    {
+        Lock lock(bed_->mu_);
+        for (size_t i = 0; i < plugs_.size();) {
+            if (plugs_[i]->Idle()) {
+                idle.push_back(std::move(plugs_[i]));
+                plugs_.erase(plugs_.begin() + static_cast<std::ptrdiff_t>(i));
+            } else {
+                ++i;
+            }
+        }
+    }
+    for (auto& p : idle) p->Retire();
 }
 
 bool SimDevice::Replug() { return Plug(); }
@@ -67,6 +99,7 @@ void SimDevice::Tick(uint64_t now) {
 
 uint64_t SimDevice::NeedsBy(uint64_t now) const {
     uint64_t due = UINT64_MAX;
+    if (SweepPending()) return now;
     if (!plugged_) return due;
     if (adapter_->AckWaiting() && adapter_->NextAckDue() > now) due = adapter_->NextAckDue();
     if (adapter_->Busy()) due = std::min(due, now + SimTestbed::kTickNs);
@@ -158,6 +191,11 @@ void SimDevice::StopGenerator(unsigned channel) {
 uint64_t SimDevice::GeneratorSent(unsigned channel) const {
     Lock lock(bed_->mu_);
     return adapter_->gen_[channel & 1].sent_;
+}
+
+void SimDevice::SetAnalyser(std::function<void(unsigned ch, const SimFrame& f, uint64_t end)> seen) {
+    Lock lock(bed_->mu_);
+    adapter_->analyser_ = std::move(seen);
 }
 
 void SimDevice::SetCabled(bool cabled) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -72,8 +73,14 @@ public:
     void SetRxCapacity(size_t records);
     size_t RxPending() const;
 
+    // An analyser on the adapter's buses (see SimAdapter): it acknowledges every frame and
+    // `seen` is called, lock held, with each completed frame. Empty: none.
+    void SetAnalyser(std::function<void(unsigned ch, const SimFrame& f, uint64_t end)> seen);
+
     // Unplug: armed transfers end with no-device, later calls fail. Replug: the adapter comes back
-    // powered anew (channels in reset, faults kept) at a new device number.
+    // powered anew (channels in reset, faults kept) at a new device number. What is on its buses
+    // stays: cabling, generators and analyser. The unplugged node is retired once its last
+    // client has closed it.
     bool Unplug();
     bool Replug();
     bool Plugged() const;
@@ -85,6 +92,9 @@ public:
     // due waits for the host's IN transfer, whose submission hands it over.
     uint64_t NeedsBy(uint64_t now) const;
     bool Plug();               // without the lock
+    // An unplugged node waits to be retired (lock held); Sweep retires them (without the lock).
+    bool SweepPending() const;
+    void Sweep();
 
 private:
     SimTestbed* bed_;
@@ -92,7 +102,7 @@ private:
     SimIdentity id_;
     std::unique_ptr<SimAdapter> adapter_;
     std::vector<std::unique_ptr<SimUsbDevice>> plugs_;  // the last one is plugged in, if any
-    std::vector<std::string> syspaths_;
+    std::string syspath_;  // of the node plugged last
     bool plugged_ = false;
     SimHostLog log_;
 };

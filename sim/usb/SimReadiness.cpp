@@ -14,8 +14,11 @@ constexpr size_t kPage = 4096;
 const char kZeroPage[kPage] = {};
 }
 
-SimReadiness::~SimReadiness() {
+SimReadiness::~SimReadiness() { Close(); }
+
+void SimReadiness::Close() {
     if (fd_ >= 0) close(fd_);
+    fd_ = -1;
 }
 
 bool SimReadiness::Make(const std::string& path) {

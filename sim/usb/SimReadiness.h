@@ -19,6 +19,8 @@ public:
     bool Make(const std::string& path);
     // Ready: a page is free and poll() reports POLLOUT. Not ready: full again.
     void Set(bool ready);
+    // Gives the FIFO up: nobody will poll the node any more.
+    void Close();
 
 private:
     void Fill();

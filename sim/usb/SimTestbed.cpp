@@ -103,9 +103,18 @@ void SimTestbed::Engine() {
     while (!stop_) {
         uint64_t now = Now();
         uint64_t due = UINT64_MAX;
+        bool sweep = false;
         for (auto& d : devices_) {
             d->Tick(now);
             due = std::min(due, d->NeedsBy(now));
+            sweep = sweep || d->SweepPending();
+        }
+        if (sweep) {
+            // Retiring a node waits for umockdev's thread, which may be waiting for the lock.
+            lock.unlock();
+            for (auto& d : devices_) d->Sweep();
+            lock.lock();
+            continue;
         }
         // Woken early by Kick, or by WakeBy for anything due before `due`.
         kicked_ = false;

@@ -26,8 +26,9 @@ namespace vexlo_sim {
 class SimTestbed {
 public:
     // `adapters` adapters at positions 0..n-1 (0: none present); ids[i] overrides the identity of
-    // the adapter at position i. `in_process`: the host runs in this process, so the preload must
-    // be linked in; false when the host is a child process started with the preload.
+    // the adapter at position i. `in_process`: the preload is linked into this process, because
+    // the host runs here or because plug events are sent to a host in a child process (vexlo-sim);
+    // false when nothing here goes through the preload.
     explicit SimTestbed(unsigned adapters, const std::vector<SimIdentity>& ids = {},
                         bool in_process = true);
     ~SimTestbed();

@@ -84,6 +84,23 @@ bool SimUsbDevice::Attach(UMockdevTestbed* tb, const std::string& node) {
     return true;
 }
 
+void SimUsbDevice::Retire() {
+    {
+        std::lock_guard<std::recursive_mutex> live(g_live_mu);
+        g_live.erase(this);  // an ioctl still on its way is refused from here on
+    }
+    if (tb_ && handler_) {
+        GError* err = nullptr;
+        if (!umockdev_testbed_detach_ioctl(tb_, node_.c_str(), &err)) {
+            std::fprintf(stderr, "vexlo-sim: cannot detach from %s: %s\n", node_.c_str(),
+                         err ? err->message : "?");
+            g_clear_error(&err);
+        }
+    }
+    Detach();
+    ready_.Close();
+}
+
 void SimUsbDevice::Detach() {
     if (!handler_) return;
     g_signal_handlers_disconnect_by_data(handler_, this);
@@ -131,6 +148,7 @@ void SimUsbDevice::OnClientGone(gpointer data, GObject*) {
     dev->clients_.erase(c->key);
     delete c;
     dev->UpdateReadiness();
+    if (dev->Idle()) dev->kick_();  // the last client left an unplugged node: retire it
 }
 
 SimUsbDevice::Client* SimUsbDevice::ClientFor(UMockdevIoctlClient* client) {

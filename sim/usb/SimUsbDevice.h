@@ -34,6 +34,10 @@ public:
     bool Attach(UMockdevTestbed* tb, const std::string& node);
     // Stops serving (the handler answers nothing more); without the lock held.
     void Detach();
+    // Once unplugged and left by every client: stops serving, gives the node's socket and FIFO
+    // back and detaches from the testbed, so that nothing of it stays open. Without any lock held:
+    // the detach waits for umockdev's thread, which may be waiting for the testbed's lock.
+    void Retire();
 
     // Hands waiting answers and data to armed IN URBs. Lock held.
     void Pump(uint64_t now);
@@ -41,6 +45,8 @@ public:
     void Unplug();
 
     bool Gone() const { return gone_; }
+    // Unplugged and no client left: ready to be retired. Lock held.
+    bool Idle() const { return gone_ && clients_.empty(); }
 
 private:
     struct Client;
