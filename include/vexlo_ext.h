@@ -29,9 +29,12 @@ typedef struct {
 } VEXLO_STATS;
 
 /* A file descriptor that polls readable (POLLIN) while the channel's receive queue holds at least
- * one frame. Owned by the library and valid until the device is closed; never close it. A readable
- * state may be spurious (VCI_Receive then returns 0: poll again); a frame is never missed.
- * Returns -1 for a bad index or channel, or a device that is not open. */
+ * one frame, for poll, select or epoll beside the application's other descriptors. Made on the
+ * first call (later calls return the same one); owned by the library and valid until the device
+ * is closed, which also wakes a thread still waiting on it; never close or read it. It becomes
+ * unreadable when VCI_Receive or VCI_ClearBuffer leaves the queue empty. A readable state may be
+ * spurious (VCI_Receive then finds nothing, after its usual 10 ms pause: poll again); a frame is
+ * never missed. Returns -1 for a bad index or channel, or a device that is not open. */
 VEXLO_API int vexlo_receive_fd(unsigned int DevIndex, unsigned int CANIndex);
 
 /* Fills `stats` (up to stats->size bytes) with the channel's counters; 1 on success, 0 on bad

@@ -13,6 +13,7 @@ packages=(
   umockdev libumockdev-dev
   valgrind gdb
   scdoc dpkg-dev file lintian
+  python3-can python3-pytest python3-pip python3-setuptools python3-venv
 )
 
 missing=()

@@ -1,8 +1,9 @@
-/* The public header compiled as C: records keep their sizes and the calls link. */
+/* The public headers compiled as C: records keep their sizes and the calls link. */
 #include <stddef.h>
 #include <stdio.h>
 
 #include "vexlo.h"
+#include "vexlo_ext.h"
 
 _Static_assert(sizeof(CAN_OBJ) == 24, "CAN_OBJ");
 _Static_assert(offsetof(CAN_OBJ, Data) == 13, "CAN_OBJ.Data");

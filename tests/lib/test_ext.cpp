@@ -32,8 +32,8 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     for (int i = 0; i < 17; ++i) Sim().InjectRaw(vs::Bytes(i == 0 ? 21 : 64, 0));
     Sim().InjectRaw(Pkt({0, 0, 0, 0, 0, 0, 0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     VEXLO_STATS a = {sizeof(VEXLO_STATS), 0, 0, 0, 0, 0, {}}, b = {offsetof(VEXLO_STATS, rx_lost), 0, 0, 7, 0, 0, {}};
-    for (int i = 0; i < 500 && vexlo_get_stats(0, 0, &a) && vexlo_get_stats(0, 1, &b) && a.bad_messages + b.rx_frames < 5;
-         ++i) usleep(10000);
+    for (int i = 99; i-- && vexlo_get_stats(0, 0, &a) && vexlo_get_stats(0, 1, &b) && a.bad_messages + b.rx_frames < 5;)
+        usleep(50000);
     EXPECT_EQ(std::vector<unsigned long long>({a.tx_frames, a.rx_frames, b.queue_peak, b.rx_lost, a.bad_messages,
                                                a.notices[0], a.notices[1], a.notices[2], a.notices[3], a.notices[4]}),
               std::vector<unsigned long long>({2, 0, 2, 7, 3, 1, 0, 1, 1, 1}));
@@ -70,8 +70,7 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     // A generator fills channel 0's queue, which nobody reads: every frame is queued or lost.
     Sim().SetCabled(false);
     Sim().SetRxCapacity(4u << 20);  // the adapter itself drops nothing
-    vs::SimGenConfig gen;
-    gen.count = 70000;
+    const vs::SimGenConfig gen = {0, 0, 0, false, false, 0, true, 70000};  // 70000 frames, fast as the bus goes
     Sim().StartGenerator(0, gen);
     for (int i = 0; i < 3000 && vexlo_get_stats(0, 0, &a) && a.rx_frames + a.rx_lost < 70000; ++i) usleep(10000);
     EXPECT_TRUE(a.rx_frames == 65536 && a.rx_lost == 70000 - 65536 && a.queue_peak == 65536);
