@@ -173,21 +173,18 @@ int XDump::Run() {
             Channel& c = chans_[i];
             if (errors_) Notices(&c);
             if (!(fds[i].revents & POLLIN)) continue;
-            // Only ask for what is queued: the receive call waits when its queue is empty.
-            unsigned queued;
-            while ((count_ == 0 || total_ < count_) && (queued = VCI_GetReceiveNum(kDevType, common_.dev, c.ch)) > 0) {
-                unsigned got = VCI_Receive(kDevType, common_.dev, c.ch, buf.data(),
-                                           queued < buf.size() ? queued : static_cast<unsigned>(buf.size()), 0);
-                if (got == 0 || got > buf.size()) break;
-                uint64_t host = RealUs();
-                c.clock.Anchor(buf[got - 1].TimeStamp, host);
-                for (unsigned k = 0; k < got; ++k) {
-                    uint64_t t = c.clock.Convert(buf[k].TimeStamp, host);
-                    if (!FilterPasses(c.filters, buf[k])) continue;
-                    if (count_ && total_ >= count_) break;
-                    Print(&c, buf[k], t);
-                }
-                if (got < buf.size()) break;
+            // Only ask for what is queued: the receive call pauses 10 ms when its queue is empty.
+            // A wake-up that finds nothing (the descriptor may be spuriously readable) still calls
+            // it once, since only the receive call makes the descriptor unreadable again.
+            unsigned queued = VCI_GetReceiveNum(kDevType, common_.dev, c.ch);
+            unsigned ask = queued == 0 ? 1 : queued < buf.size() ? queued : static_cast<unsigned>(buf.size());
+            unsigned got = VCI_Receive(kDevType, common_.dev, c.ch, buf.data(), ask, 0);
+            if (got == 0 || got > ask) continue;
+            uint64_t host = RealUs();
+            c.clock.Anchor(buf[got - 1].TimeStamp, host);
+            for (unsigned k = 0; k < got && (count_ == 0 || total_ < count_); ++k) {
+                uint64_t t = c.clock.Convert(buf[k].TimeStamp, host);
+                if (FilterPasses(c.filters, buf[k])) Print(&c, buf[k], t);
             }
         }
         // One write per wake-up: a reader at the other end of a pipe sees frames as they come.
