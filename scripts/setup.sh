@@ -9,6 +9,7 @@ packages=(
   libusb-1.0-0-dev
   libgtest-dev googletest
   libbenchmark-dev
+  python3-can python3-pytest
   umockdev libumockdev-dev
   valgrind gdb
   scdoc dpkg-dev file lintian

@@ -39,7 +39,8 @@ else
     [libvexlo1]="$ma/libvexlo.so.1 $ma/libvexlo.so.1.0.0"
     [libvexlo-dev]="usr/include/vexlo.h usr/include/vexlo_ext.h $ma/libvexlo.so $ma/pkgconfig/vexlo.pc
                     $ma/cmake/vexlo/vexloConfig.cmake $ma/cmake/vexlo/vexloConfigVersion.cmake usr/share/man/man3/vexlo.3.gz"
-    [vexlo-tools]="usr/bin/vexlo-sim usr/lib/udev/rules.d/70-vexlo.rules usr/share/man/man1/vexlo-sim.1.gz")
+    [vexlo-tools]="usr/bin/vexlo-sim usr/lib/udev/rules.d/70-vexlo.rules usr/share/man/man1/vexlo-sim.1.gz
+                   usr/bin/vexlo usr/share/man/man1/vexlo.1.gz usr/share/bash-completion/completions/vexlo")
   for pkg in "${!want[@]}"; do
     list=$(dpkg-deb -c debs/"$pkg"_*.deb | awk '{print substr($6, 3)}')
     for f in ${want[$pkg]} usr/share/doc/$pkg/copyright usr/share/doc/$pkg/changelog.Debian.gz; do

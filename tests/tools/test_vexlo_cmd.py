@@ -1,0 +1,79 @@
+"""The vexlo command against the simulated adapter: what reaches the bus, what other tools read."""
+import os
+import subprocess
+
+import can
+import pytest
+
+VEXLO = os.environ["VEXLO"]
+SIM = os.environ["VEXLO_SIM"]
+
+
+def run(sim_args, cmd, timeout=60, cwd=None):
+    """Runs vexlo under vexlo-sim; returns (exit status, stdout, stderr)."""
+    p = subprocess.run([SIM, *sim_args, "--", *cmd], capture_output=True, text=True, timeout=timeout, cwd=cwd)
+    return p.returncode, p.stdout, p.stderr
+
+
+def frames(path):
+    """The frames of a candump log as (identifier, extended, remote, length, data) tuples."""
+    return [(m.arbitration_id, m.is_extended_id, m.is_remote_frame, m.dlc, bytes(m.data))
+            for m in can.LogReader(str(path))]
+
+
+SENT = [(0x123, False, False, 4, bytes.fromhex("DEADBEEF")), (0x12345678, True, False, 3, bytes.fromhex("112233")),
+        (0x7FF, False, True, 2, b""), (0x000, False, False, 0, b"")]
+
+
+def test_send_reaches_the_bus_and_bad_input_sends_nothing(tmp_path):
+    trace = tmp_path / "trace.log"
+    rc, _, err = run(["--trace", str(trace)], [VEXLO, "send", "0", "123#DEADBEEF", "12345678#11.22.33", "7FF#R2", "000#"])
+    assert (rc, err) == (0, "")
+    assert frames(trace) == SENT
+    # A malformed frame after good ones, and a log with a bad line: refused, nothing on the bus.
+    bad = tmp_path / "bad.log"
+    bad.write_text("(1.000000) can0 123#11\n(1.100000) can0 123#1\n")
+    for cmd, message in [(["send", "0", "123#00", "12#1"], "vexlo: bad frame '12#1': identifier needs 3 or 8 hex digits\n"),
+                         (["play", str(bad)], f"vexlo: {bad}:2: frame '123#1': data must be pairs of hex digits\n")]:
+        rc, _, err = run(["--trace", str(trace)], [VEXLO, *cmd])
+        assert (rc, err) == (2, message)
+        assert frames(trace) == []
+
+
+def test_dump_log_of_a_generator_reads_with_python_can(tmp_path):
+    copy = tmp_path / "copy.log"
+    rc, out, err = run(["-g", "1:2000:ext"], [VEXLO, "dump", "-L", "-n", "300", "-f", str(copy), "1"])
+    assert rc == 0, err
+    assert "vexlo: can1: 300 frames shown" in err and "0 lost in the queue" in err
+    printed = tmp_path / "out.log"
+    printed.write_text(out)
+    for path in (printed, copy):
+        msgs = list(can.LogReader(str(path)))
+        assert [m.arbitration_id for m in msgs] == list(range(300))
+        assert all(m.is_extended_id and m.channel == "can1" and m.dlc == 8 for m in msgs)
+        stamps = [m.timestamp for m in msgs]
+        assert stamps == sorted(stamps)
+
+
+def test_play_of_a_python_can_log_keeps_frames_and_order(tmp_path):
+    log, trace = tmp_path / "in.log", tmp_path / "trace.log"
+    # python-can writes remote frames without their length: they come back with length 0.
+    sent = [(0x100 + i * 7 % 0x700, i % 3 == 0, i % 5 == 4, 0 if i % 5 == 4 else i % 9,
+             b"" if i % 5 == 4 else bytes(range(i % 9))) for i in range(40)]
+    with can.CanutilsLogWriter(str(log), channel="can1") as w:
+        for i, (ident, ext, rtr, dlc, data) in enumerate(sent):
+            w.on_message_received(can.Message(timestamp=1000 + i * 0.005, arbitration_id=ident, is_extended_id=ext,
+                                              is_remote_frame=rtr, dlc=dlc, data=data))
+    rc, _, err = run(["--trace", str(trace)], [VEXLO, "play", "-m", "can1=0", str(log)])
+    assert (rc, err) == (0, "")
+    assert frames(trace) == sent
+
+
+def test_busy_and_missing_adapters(tmp_path):
+    holder = f"{VEXLO} stat -w 0.2 0 > held & while [ ! -s held ]; do sleep 0.05; done; " \
+             f"{VEXLO} send 0 123#; echo rc=$?; kill -INT $!; wait $!; echo holder=$?"
+    rc, out, err = run([], ["sh", "-c", holder], cwd=tmp_path)
+    assert "rc=1\nholder=0\n" in out and err == "vexlo: adapter 0 is in use by another program\n"
+    for sim_args, cmd, message in [(["-n", "0"], ["send", "0", "123#"], "no adapter at position 0"),
+                                   ([], ["info", "-d", "1"], "no adapter at position 1")]:
+        assert run(sim_args, [VEXLO, *cmd]) == (1, "", f"vexlo: {message}\n")
