@@ -12,13 +12,10 @@
 #include <vector>
 
 #include "tool/SimOptions.h"
+#include "tool/SimPreload.h"
 #include "usb/SimTestbed.h"
 
 using namespace vexlo_sim;
-
-namespace {
-const char kPreload[] = "libumockdev-preload.so.0";
-}
 
 int main(int argc, char** argv) {
     SimToolOptions opt;
@@ -40,8 +37,7 @@ int main(int argc, char** argv) {
     for (const SimToolGenerator& g : opt.generators) bed.Adapter(g.adapter).StartGenerator(g.channel, g.cfg);
 
     // The child gets the preload ahead of whatever it already preloads.
-    const char* old = std::getenv("LD_PRELOAD");
-    std::string preload = std::string(kPreload) + (old && *old ? std::string(":") + old : "");
+    std::string preload = SimChildPreload(opt.program[0], std::getenv("LD_PRELOAD"));
     std::fflush(nullptr);
     pid_t pid = fork();
     if (pid < 0) {
