@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev
   umockdev libumockdev-dev
   valgrind gdb
+  gcovr
 )
 
 missing=()
