@@ -39,7 +39,7 @@ memcheck() {
     echo "== memcheck: $run"
     # shellcheck disable=SC2086
     build/sim/vexlo-sim -- valgrind -q --error-exitcode=99 --leak-check=full \
-      --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
+      --errors-for-leak-kinds=definite,indirect,possible --show-leak-kinds=definite,indirect,possible \
       --suppressions=tests/sanitizers/valgrind.supp build/$run
   done
 }
