@@ -14,6 +14,7 @@ packages=(
   valgrind gdb
   scdoc dpkg-dev file lintian
   python3-can python3-pytest python3-pip python3-setuptools python3-venv
+  gcovr
 )
 
 missing=()

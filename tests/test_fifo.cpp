@@ -1,4 +1,6 @@
-// The receive ring: capacity, refusal when full, order, wrap-around, and a two-thread stream.
+// The receive ring where the library cannot take it: counters past 32 bits, capacities other than
+// its own, and a two-thread stream checked byte for byte (capacity, refusal and clearing are
+// covered through the library).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,41 +23,6 @@ static CAN_OBJ Frame(U32 seq) {
 static int PushFrame(CanFifo& fifo, U32 seq) {
     CAN_OBJ o = Frame(seq);
     return fifo.Push(&o);
-}
-
-TEST(Fifo, HoldsCapacityRefusesNextKeepsOrder) {
-    CanFifo fifo(0x10000);
-    for (U32 i = 0; i < 0x10000; ++i) ASSERT_EQ(PushFrame(fifo, i), 1) << i;
-    EXPECT_EQ(fifo.Size(), 65536u);
-    CAN_OBJ refused = Frame(0xDEAD);
-    EXPECT_EQ(fifo.Push(&refused), 0);
-    EXPECT_EQ(fifo.Size(), 65536u);
-    // The oldest frames win: out come 0, 1, ... byte for byte, Reserved included.
-    for (U32 i = 0; i < 0x10000; ++i) {
-        CAN_OBJ got;
-        ASSERT_EQ(fifo.Pop(&got), 1);
-        CAN_OBJ want = Frame(i);
-        ASSERT_EQ(memcmp(&got, &want, sizeof(got)), 0) << i;
-    }
-    CAN_OBJ untouched = Frame(7);
-    EXPECT_EQ(fifo.Pop(&untouched), 0);
-    CAN_OBJ seven = Frame(7);
-    EXPECT_EQ(memcmp(&untouched, &seven, sizeof(seven)), 0);
-}
-
-TEST(Fifo, ClearThenReuse) {
-    CanFifo fifo(8);
-    for (U32 i = 0; i < 5; ++i) PushFrame(fifo, i);
-    fifo.Clear();
-    EXPECT_EQ(fifo.Size(), 0u);
-    CAN_OBJ got;
-    EXPECT_EQ(fifo.Pop(&got), 0);
-    for (U32 i = 10; i < 18; ++i) EXPECT_EQ(PushFrame(fifo, i), 1);
-    EXPECT_EQ(PushFrame(fifo, 99), 0);
-    for (U32 i = 10; i < 18; ++i) {
-        ASSERT_EQ(fifo.Pop(&got), 1);
-        EXPECT_EQ(got.Id, i);
-    }
 }
 
 TEST(Fifo, CountersWrapPast32Bits) {

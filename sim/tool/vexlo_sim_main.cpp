@@ -15,13 +15,13 @@
 
 #include "tool/SimFaultPlan.h"
 #include "tool/SimOptions.h"
+#include "tool/SimPreload.h"
 #include "tool/SimTrace.h"
 #include "usb/SimTestbed.h"
 
 using namespace vexlo_sim;
 
 namespace {
-const char kPreload[] = "libumockdev-preload.so.0";
 volatile pid_t g_child = 0;
 
 // A termination sent to vexlo-sim alone goes on to the program, which then ends and lets the
@@ -76,8 +76,7 @@ int main(int argc, char** argv) {
     SimFaultPlan plan(&bed, opt);
 
     // The child gets the preload ahead of whatever it already preloads.
-    const char* old = std::getenv("LD_PRELOAD");
-    std::string preload = std::string(kPreload) + (old && *old ? std::string(":") + old : "");
+    std::string preload = SimChildPreload(opt.program[0], std::getenv("LD_PRELOAD"));
     std::fflush(nullptr);
     SetSignal(SIGINT, SIG_IGN);
     SetSignal(SIGQUIT, SIG_IGN);

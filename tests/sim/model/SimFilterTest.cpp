@@ -1,78 +1,53 @@
-// Acceptance filter in single and dual filter mode.
+// The acceptance filter in single and dual mode, one frame against one setting per row.
 #include <gtest/gtest.h>
 
 #include "model/SimFilter.h"
 
 using namespace vexlo_sim;
 
-namespace {
-SimFrame Std(uint32_t id, uint8_t dlc = 0, uint8_t d0 = 0, uint8_t d1 = 0) {
-    SimFrame f;
-    f.id = id;
-    f.dlc = dlc;
-    f.data[0] = d0;
-    f.data[1] = d1;
-    return f;
-}
-SimFrame Ext(uint32_t id) {
-    SimFrame f;
-    f.id = id;
-    f.ext = true;
-    return f;
-}
-}  // namespace
-
-TEST(SimFilter, open_filter_accepts_everything) {
-    SimFilter flt;
-    flt.Set(0, 0xFFFFFFFF, true);
-    EXPECT_TRUE(flt.Accepts(Std(0x123)));
-    EXPECT_TRUE(flt.Accepts(Ext(0x1ABCDEF0)));
-    flt.Set(0, 0xFFFFFFFF, false);
-    EXPECT_TRUE(flt.Accepts(Std(0x7FF)));
-}
-
-TEST(SimFilter, single_mode_standard_matches_identifier_rtr_and_two_data_bytes) {
-    SimFilter flt;
-    // ACR0/ACR1 = 0x123 << 5 (id bits 31..21), RTR 0; data bytes must be 0xAA 0x55.
-    flt.Set((0x123u << 21) | 0xAA55, 0x000F0000, true);
-    EXPECT_TRUE(flt.Accepts(Std(0x123, 2, 0xAA, 0x55)));
-    EXPECT_FALSE(flt.Accepts(Std(0x122, 2, 0xAA, 0x55)));
-    EXPECT_FALSE(flt.Accepts(Std(0x123, 2, 0xAA, 0x56)));
-    SimFrame rtr = Std(0x123);
-    rtr.rtr = true;
-    EXPECT_FALSE(flt.Accepts(rtr));
-    // A frame without data bytes cannot fail the data comparison.
-    EXPECT_TRUE(flt.Accepts(Std(0x123, 0)));
-    // Masking the low identifier bit lets both 0x122 and 0x123 through.
-    flt.Set((0x123u << 21), 0x002FFFFF, true);
-    EXPECT_TRUE(flt.Accepts(Std(0x122, 8)));
-    EXPECT_FALSE(flt.Accepts(Std(0x121, 8)));
-}
-
-TEST(SimFilter, single_mode_extended_matches_29_bits) {
-    SimFilter flt;
-    flt.Set(0x12345678u << 3, 0x3, true);
-    EXPECT_TRUE(flt.Accepts(Ext(0x12345678)));
-    EXPECT_FALSE(flt.Accepts(Ext(0x12345679)));
-    EXPECT_FALSE(flt.Accepts(Std(0x123)));
-}
-
-TEST(SimFilter, dual_mode_either_filter_passes) {
-    SimFilter flt;
-    // Filter 1: id 0x100 (ACR0 + ACR1 high nibble), any data byte; filter 2: id 0x200.
-    uint32_t code = (0x100u << 21) | ((0x200u << 5) & 0xFFE0);
-    uint32_t mask = 0x000F000F;  // data byte of filter 1 free, RTR bits compared
-    flt.Set(code, mask, false);
-    EXPECT_TRUE(flt.Accepts(Std(0x100, 1, 0x77)));
-    EXPECT_TRUE(flt.Accepts(Std(0x200)));
-    EXPECT_FALSE(flt.Accepts(Std(0x300)));
-}
-
-TEST(SimFilter, dual_mode_extended_compares_the_top_16_identifier_bits) {
-    SimFilter flt;
-    uint32_t top = (0x12345678u >> 13) & 0xFFFF;
-    flt.Set((top << 16) | 0x0000, 0x0000FFFF & 0, false);
-    EXPECT_TRUE(flt.Accepts(Ext(0x12345678)));
-    EXPECT_TRUE(flt.Accepts(Ext(0x12345678 ^ 0x1FFF)));   // low 13 bits are not compared
-    EXPECT_FALSE(flt.Accepts(Ext(0x12345678 ^ 0x2000)));
+TEST(SimFilter, settings_accept_exactly_their_frames) {
+    struct Row {
+        const char* what;
+        uint32_t code, mask;
+        bool single;
+        uint32_t id;
+        bool ext, rtr;
+        uint8_t dlc, d0, d1;
+        bool accepted;
+    };
+    const uint32_t std123 = (0x123u << 21) | 0xAA55;  // single: id 0x123, RTR 0, data AA 55
+    const uint32_t dual = (0x100u << 21) | ((0x200u << 5) & 0xFFE0);  // dual: id 0x100 or 0x200
+    const uint32_t ext_top = ((0x12345678u >> 13) & 0xFFFF) << 16;  // dual: top 16 bits of an id
+    const Row rows[] = {
+        {"open, single", 0, 0xFFFFFFFF, true, 0x1ABCDEF0, true, false, 0, 0, 0, true},
+        {"open, dual", 0, 0xFFFFFFFF, false, 0x7FF, false, false, 0, 0, 0, true},
+        {"single std match", std123, 0x000F0000, true, 0x123, false, false, 2, 0xAA, 0x55, true},
+        {"single std id", std123, 0x000F0000, true, 0x122, false, false, 2, 0xAA, 0x55, false},
+        {"single std data", std123, 0x000F0000, true, 0x123, false, false, 2, 0xAA, 0x56, false},
+        {"single std rtr", std123, 0x000F0000, true, 0x123, false, true, 0, 0, 0, false},
+        {"single std no data", std123, 0x000F0000, true, 0x123, false, false, 0, 0, 0, true},
+        {"single id bit masked", 0x123u << 21, 0x002FFFFF, true, 0x122, false, false, 8, 0, 0, true},
+        {"single id bit masked, other", 0x123u << 21, 0x002FFFFF, true, 0x121, false, false, 8, 0, 0, false},
+        {"single ext match", 0x12345678u << 3, 0x3, true, 0x12345678, true, false, 0, 0, 0, true},
+        {"single ext id", 0x12345678u << 3, 0x3, true, 0x12345679, true, false, 0, 0, 0, false},
+        {"single ext vs std", 0x12345678u << 3, 0x3, true, 0x123, false, false, 0, 0, 0, false},
+        {"dual first", dual, 0x000F000F, false, 0x100, false, false, 1, 0x77, 0, true},
+        {"dual second", dual, 0x000F000F, false, 0x200, false, false, 0, 0, 0, true},
+        {"dual neither", dual, 0x000F000F, false, 0x300, false, false, 0, 0, 0, false},
+        {"dual ext", ext_top, 0, false, 0x12345678, true, false, 0, 0, 0, true},
+        {"dual ext low 13 bits free", ext_top, 0, false, 0x12345678 ^ 0x1FFF, true, false, 0, 0, 0, true},
+        {"dual ext bit 13", ext_top, 0, false, 0x12345678 ^ 0x2000, true, false, 0, 0, 0, false},
+    };
+    for (const Row& r : rows) {
+        SimFilter flt;
+        flt.Set(r.code, r.mask, r.single);
+        SimFrame f;
+        f.id = r.id;
+        f.ext = r.ext;
+        f.rtr = r.rtr;
+        f.dlc = r.dlc;
+        f.data[0] = r.d0;
+        f.data[1] = r.d1;
+        EXPECT_EQ(flt.Accepts(f), r.accepted) << r.what;
+    }
 }

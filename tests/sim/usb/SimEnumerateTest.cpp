@@ -1,4 +1,5 @@
-// Enumeration, claiming, positions, identity answers and the absence of adapters.
+// What the library's tests cannot see: the emulated descriptors, and that every adapter of a
+// testbed is found at its position, opened and claimed through plain libusb.
 #include <gtest/gtest.h>
 
 #include "SimUsbTestUtil.h"
@@ -6,38 +7,31 @@
 
 using namespace vexlo_sim;
 
-TEST(SimEnumerate, finds_claims_and_answers_hw_version) {
-    SimTestbed bed(1);
-    ASSERT_TRUE(bed.Ok());
-    SimHost host;
-    ASSERT_TRUE(host.Open(0));
-    Bytes ack = host.Cmd(SimCmd(kCmdHwVersion));
-    ASSERT_EQ(ack.size(), 6u);
-    EXPECT_EQ(ack[1], kCmdHwVersion);
-    EXPECT_EQ(ack[2] & 0x80, 0x80);
-    EXPECT_EQ(ack[4] | (ack[5] << 8), 0x0210);
-    EXPECT_EQ(bed.Adapter(0).Sent(kEpCmdOut), std::vector<Bytes>{SimCmd(kCmdHwVersion)});
-}
-
-TEST(SimEnumerate, no_adapter_present) {
-    SimTestbed bed(0);
-    ASSERT_TRUE(bed.Ok());
-    EXPECT_EQ(SimCountAdapters(), 0);
-    SimHost host;
-    EXPECT_FALSE(host.Open(0));
-}
-
-TEST(SimEnumerate, positions_follow_the_device_list) {
+TEST(SimEnumerate, descriptors_positions_and_claiming) {
     SimTestbed bed(3);
     ASSERT_TRUE(bed.Ok());
     EXPECT_EQ(SimCountAdapters(), 3);
     for (unsigned p = 0; p < 3; ++p) {
         SimHost host;
-        ASSERT_TRUE(host.Open(p));
+        ASSERT_TRUE(host.Open(p));  // opens and claims interface 0
         Bytes ack = host.Cmd(SimCmd(kCmdSerial));
         ASSERT_GE(ack.size(), 4u);
-        std::string serial(ack.begin() + 4, ack.end());
-        EXPECT_EQ(serial, SimAdapter::DefaultSerial(p)) << "position " << p;
-        EXPECT_EQ(bed.Adapter(p).Sent(kEpCmdOut).size(), 1u);
+        EXPECT_EQ(std::string(ack.begin() + 4, ack.end()), SimAdapter::DefaultSerial(p)) << "position " << p;
+        EXPECT_EQ(bed.Adapter(p).Sent(kEpCmdOut), std::vector<Bytes>{SimCmd(kCmdSerial)});
+        if (p) continue;
+        // One vendor-class interface with four bulk endpoints of 64 bytes.
+        libusb_config_descriptor* cfg = nullptr;
+        ASSERT_EQ(libusb_get_active_config_descriptor(libusb_get_device(host.handle()), &cfg), 0);
+        ASSERT_EQ(cfg->bNumInterfaces, 1);
+        const libusb_interface_descriptor& itf = cfg->interface[0].altsetting[0];
+        EXPECT_EQ(itf.bInterfaceClass, 0xFF);
+        ASSERT_EQ(itf.bNumEndpoints, 4);
+        const uint8_t eps[] = {kEpCmdOut, kEpCmdIn, kEpDataOut, kEpDataIn};
+        for (int e = 0; e < 4; ++e) {
+            EXPECT_EQ(itf.endpoint[e].bEndpointAddress, eps[e]);
+            EXPECT_EQ(itf.endpoint[e].bmAttributes, LIBUSB_TRANSFER_TYPE_BULK);
+            EXPECT_EQ(itf.endpoint[e].wMaxPacketSize, 64);
+        }
+        libusb_free_config_descriptor(cfg);
     }
 }
