@@ -218,18 +218,12 @@ int RunDump(int argc, char** argv) {
     while (!args.Done()) {
         std::string opt = args.Option(), v;
         if (opt.empty()) {
-            if (!operand.empty()) {
-                Complain("dump takes one channel list, not '%s'", args.Operand().c_str());
-                return kExitUsage;
-            }
-            operand = args.Operand();
+            if (!TakeOneOperand(&args, &operand, "dump", "channel list")) return kExitUsage;
             continue;
         }
-        int common = TakeCommonOption(opt, &args, &d.common_);
-        if (common < 0) return kExitUsage;
-        if (common > 0) continue;
-        int help = HelpOrVersion(opt.c_str(), (std::string(kUsage) + kCommonHelp).c_str());
-        if (help >= 0) return help;
+        int shared = TakeSharedOption(opt, &args, &d.common_, kUsage);
+        if (shared == kOptionTaken) continue;
+        if (shared != kOptionOwn) return shared;
         if (opt == "-L") {
             d.log_ = true;
         } else if (opt == "-e") {

@@ -67,18 +67,12 @@ int RunGen(int argc, char** argv) {
     while (!args.Done()) {
         std::string opt = args.Option(), v;
         if (opt.empty()) {
-            if (!channel.empty()) {
-                Complain("gen takes one channel");
-                return kExitUsage;
-            }
-            channel = args.Operand();
+            if (!TakeOneOperand(&args, &channel, "gen", "channel")) return kExitUsage;
             continue;
         }
-        int taken = TakeCommonOption(opt, &args, &common);
-        if (taken < 0) return kExitUsage;
-        if (taken > 0) continue;
-        int help = HelpOrVersion(opt.c_str(), (std::string(kUsage) + kCommonHelp).c_str());
-        if (help >= 0) return help;
+        int shared = TakeSharedOption(opt, &args, &common, kUsage);
+        if (shared == kOptionTaken) continue;
+        if (shared != kOptionOwn) return shared;
         if (opt == "-e") {
             ext = true;
             continue;

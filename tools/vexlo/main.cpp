@@ -53,6 +53,24 @@ int HelpOrVersion(const char* option, const char* usage) {
     return -1;
 }
 
+int TakeSharedOption(const std::string& option, XArgs* args, CommonOptions* common, const char* usage) {
+    int taken = TakeCommonOption(option, args, common);
+    if (taken < 0) return kExitUsage;
+    if (taken > 0) return kOptionTaken;
+    int help = HelpOrVersion(option.c_str(), (std::string(usage) + kCommonHelp).c_str());
+    return help >= 0 ? help : kOptionOwn;
+}
+
+bool TakeOneOperand(XArgs* args, std::string* slot, const char* sub, const char* what) {
+    std::string operand = args->Operand();
+    if (!slot->empty()) {
+        Complain("%s takes one %s, not '%s'", sub, what, operand.c_str());
+        return false;
+    }
+    *slot = operand;
+    return true;
+}
+
 }  // namespace vexlo_tool
 
 int main(int argc, char** argv) {

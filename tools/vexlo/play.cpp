@@ -61,18 +61,12 @@ int RunPlay(int argc, char** argv) {
     while (!args.Done()) {
         std::string opt = args.Option(), v;
         if (opt.empty()) {
-            if (!file.empty()) {
-                Complain("play takes one file");
-                return kExitUsage;
-            }
-            file = args.Operand();
+            if (!TakeOneOperand(&args, &file, "play", "file")) return kExitUsage;
             continue;
         }
-        int taken = TakeCommonOption(opt, &args, &common);
-        if (taken < 0) return kExitUsage;
-        if (taken > 0) continue;
-        int help = HelpOrVersion(opt.c_str(), (std::string(kUsage) + kCommonHelp).c_str());
-        if (help >= 0) return help;
+        int shared = TakeSharedOption(opt, &args, &common, kUsage);
+        if (shared == kOptionTaken) continue;
+        if (shared != kOptionOwn) return shared;
         if (opt == "-t") {
             no_timing = true;
         } else if (opt == "-l" || opt == "-m") {

@@ -40,11 +40,9 @@ int RunSend(int argc, char** argv) {
             operands.push_back(args.Operand());
             continue;
         }
-        int taken = TakeCommonOption(opt, &args, &common);
-        if (taken < 0) return kExitUsage;
-        if (taken > 0) continue;
-        int help = HelpOrVersion(opt.c_str(), (std::string(kUsage) + kCommonHelp).c_str());
-        if (help >= 0) return help;
+        int shared = TakeSharedOption(opt, &args, &common, kUsage);
+        if (shared == kOptionTaken) continue;
+        if (shared != kOptionOwn) return shared;
         Complain("send: unknown option '%s'", opt.c_str());
         return kExitUsage;
     }

@@ -63,18 +63,12 @@ int RunStat(int argc, char** argv) {
     while (!args.Done()) {
         std::string opt = args.Option(), v;
         if (opt.empty()) {
-            if (!channel.empty()) {
-                Complain("stat takes one channel");
-                return kExitUsage;
-            }
-            channel = args.Operand();
+            if (!TakeOneOperand(&args, &channel, "stat", "channel")) return kExitUsage;
             continue;
         }
-        int taken = TakeCommonOption(opt, &args, &common);
-        if (taken < 0) return kExitUsage;
-        if (taken > 0) continue;
-        int help = HelpOrVersion(opt.c_str(), (std::string(kUsage) + kCommonHelp).c_str());
-        if (help >= 0) return help;
+        int shared = TakeSharedOption(opt, &args, &common, kUsage);
+        if (shared == kOptionTaken) continue;
+        if (shared != kOptionOwn) return shared;
         if (opt != "-w") {
             Complain("stat: unknown option '%s'", opt.c_str());
             return kExitUsage;
