@@ -70,8 +70,25 @@ std::string SimChildPreload(const std::string& program, const char* inherited) {
         std::string soname = rt.substr(rt.rfind('/') + 1);
         if (!file.empty() && FileMentions(file, soname)) preload += rt + ":";
     }
+    // A runtime preloaded on purpose (a program such as python that loads a sanitizer build of
+    // the library) keeps its first place; everything else inherited follows the umockdev preload.
+    std::string rest;
+    std::string list = inherited ? inherited : "";
+    for (size_t start = 0; start < list.size();) {
+        size_t end = list.find(':', start);
+        if (end == std::string::npos) end = list.size();
+        std::string item = list.substr(start, end - start);
+        start = end + 1;
+        if (item.empty()) continue;
+        const char* base = strrchr(item.c_str(), '/');
+        base = base ? base + 1 : item.c_str();
+        bool runtime = false;
+        for (const char* prefix : {"libasan.so", "libtsan.so", "libubsan.so", "liblsan.so"})
+            runtime = runtime || strncmp(base, prefix, strlen(prefix)) == 0;
+        (runtime ? preload : rest) += item + ":";
+    }
     preload += kUmockdevPreload;
-    if (inherited && *inherited) preload += std::string(":") + inherited;
+    if (!rest.empty()) preload += ":" + rest.substr(0, rest.size() - 1);
     return preload;
 }
 

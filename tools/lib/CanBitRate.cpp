@@ -1,6 +1,7 @@
 #include "CanBitRate.h"
 
 #include <cmath>
+#include <cctype>
 #include <cstdlib>
 
 namespace vexlo_tool {
@@ -87,13 +88,10 @@ double RateForTiming(unsigned char btr0, unsigned char btr1) {
 
 bool ParseTimingBytes(const std::string& text, unsigned char* btr0, unsigned char* btr1) {
     if (text.size() != 5 || text[2] != ':') return false;
-    char* end = nullptr;
-    unsigned long b0 = std::strtoul(text.substr(0, 2).c_str(), &end, 16);
-    if (*end) return false;
-    unsigned long b1 = std::strtoul(text.substr(3, 2).c_str(), &end, 16);
-    if (*end || text[0] == '-' || text[3] == '-' || text[0] == '+' || text[3] == '+') return false;
-    *btr0 = static_cast<unsigned char>(b0);
-    *btr1 = static_cast<unsigned char>(b1);
+    for (size_t i : {0, 1, 3, 4})
+        if (!std::isxdigit(static_cast<unsigned char>(text[i]))) return false;
+    *btr0 = static_cast<unsigned char>(std::strtoul(text.substr(0, 2).c_str(), nullptr, 16));
+    *btr1 = static_cast<unsigned char>(std::strtoul(text.substr(3, 2).c_str(), nullptr, 16));
     return true;
 }
 
