@@ -4,14 +4,17 @@
 // for a consumer (an application call holding CanDev::fifolck_; one at a time). The only thing that
 // can make the descriptor unreadable is C's read in Reset, so look at the last such reset, C*:
 //
-//   P, per message:  push frames w0..w1-1 (stores wr_)  | fence | load fd_, rd_ | rd in [w0, w1): write
-//   C*, Reset:       store rd_ (Pop or Clear) | read efd | fence | load wr_     | wr != rd: write
+//   P, per message:  push frames w0..w1-1 (stores wr_)  | order | load fd_, rd_ | rd in [w0, w1): write
+//   C*, Reset:       store rd_ (Pop or Clear) | read efd | order | load wr_     | wr != rd: write
+//
+// "order" is Order(): a read-modify-write of sync_, so of two such steps one comes first and the
+// other sees everything stored before it.
 //
 // Suppose frames wait in the ring once everything has settled, yet the counter is 0.
 // - If C*'s load of wr_ saw a frame, C* wrote after its own read: the counter is not 0.
 // - Otherwise C* saw the ring empty at r = wr_. The frame at position r was pushed later, by a
 //   message [w0, w1) of P with w0 <= r < w1. C*'s load missed P's store of r + 1, which comes before
-//   P's fence; the two fences then order C*'s fence first, so P's loads after its fence see C*'s
+//   P's order step; so C*'s order step came first, and P's loads after its own see C*'s
 //   store rd_ = r or a later one (rd >= r >= w0), and they see fd_ (stored before C* could exist).
 //   If rd < w1, P writes; and P's write comes after C*'s read, since had it come before, the
 //   eventfd's own lock would have made P's store of r + 1 visible to C*'s later load of wr_.
@@ -19,7 +22,7 @@
 //   next message then starts at w0' = w1 <= its own rd, and the same holds for it, and so on: the
 //   last message either writes or finds every frame taken, and then the ring is empty.
 // - With no reset ever, the same chain starts at Fd(), which looks at the ring after publishing fd_
-//   (fence between) and writes if a frame waits.
+//   (order step between) and writes if a frame waits.
 // A producer write that comes after the consumer took the frame is the spurious readable state that
 // level semantics allows; the next VCI_Receive that finds the ring empty clears it.
 #include "CanReady.h"
@@ -46,7 +49,7 @@ int CanReady::Fd(CanFifo* fifo) {
         return -1;
     }
     fd_.store(fd, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    Order();
     if (fifo->Size() != 0) Signal(fd);
     return fd;
 }
@@ -59,6 +62,6 @@ void CanReady::Signal(int fd) {
 void CanReady::Reset(int fd, CanFifo* fifo) {
     eventfd_t v;
     eventfd_read(fd, &v);  // EAGAIN when it was not readable: nothing to clear
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    Order();
     if (fifo->wr_.load(std::memory_order_relaxed) != fifo->rd_.load(std::memory_order_relaxed)) Signal(fd);
 }

@@ -71,9 +71,6 @@ void CanDev::Recv(CanXfer* xfer) {
         }
         if (lost[ch]) CanCount(&stats_[ch].rx_lost, lost[ch]);
     }
-    if (queued[0] + queued[1] == 0) return;
-    // Orders this message's pushes before the readiness loads (the argument is in CanReady.cpp).
-    std::atomic_thread_fence(std::memory_order_seq_cst);
     for (int ch = 0; ch < 2; ++ch) {
         if (queued[ch]) ready_[ch].Pushed(&fifo_[ch], w0[ch]);
     }
