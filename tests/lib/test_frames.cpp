@@ -183,30 +183,6 @@ TEST_F(FrameTest, TwoReadersShareFramesInQueueOrder) {
 // records there; every frame the generator sends still has to come through the library.
 static const size_t kDeepRxBuffer = 4u << 20;
 
-TEST_F(FrameTest, FullQueueKeepsTheOldest65536) {
-    OpenAndStart();
-    Sim().SetCabled(false);
-    Sim().SetRxCapacity(kDeepRxBuffer);
-    const unsigned total = 70000;
-    vs::SimGenConfig gen;  // 0-byte standard frames as fast as the bus goes
-    gen.count = total;
-    Sim().StartGenerator(1, gen);
-    for (int i = 0; i < 3000 && (Sim().GeneratorSent(1) < total || Sim().RxPending() != 0); ++i) usleep(10000);
-    ASSERT_EQ(Sim().GeneratorSent(1), total);
-    ASSERT_EQ(Sim().RxPending(), 0u);
-    usleep(50000);  // the last transfer is decoded
-    EXPECT_EQ(Sim().RxDropped(), 0u);
-    EXPECT_EQ(VCI_GetReceiveNum(kType, 0, 1), 65536u);
-    std::vector<CAN_OBJ> rx = ReceiveAll(1, 65536, 10000);
-    ASSERT_EQ(rx.size(), 65536u);
-    for (unsigned i = 0; i < rx.size(); ++i) ASSERT_EQ(Seq(rx[i]), i);
-    CAN_OBJ one;
-    EXPECT_EQ(VCI_Receive(kType, 0, 1, &one, 1, 0), 0u);
-    // It works on as before.
-    Sim().InjectFrame(1, vs::SimFrame());
-    EXPECT_EQ(VCI_Receive(kType, 0, 1, &one, 1, 1000), 1u);
-}
-
 TEST_F(FrameTest, NoticesReachTheErrorRecords) {
     OpenAndStart();
     CAN_ERR err;
