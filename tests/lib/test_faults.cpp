@@ -208,7 +208,7 @@ const FaultRow kRows[] = {
      StartCh0, 0,  // libusb ends the packet after 1000 ms (status 2); the wait runs its 2000 ms
      {kDone + "ep=0x01, status=2, size=0", kCmd + "xfer(cmd) failed", kStart + "Cmd failed"}, 1950, 3500, Recovers},
     {"command_out_stalls", true, [](Dev& sim) { sim.SetOutFault(vs::kEpCmdOut, vs::SimOutFault::kStall); }, StartCh0,
-     0, {kDone + "ep=0x01, status=4, size=0", kCmd + "xfer(cmd) failed", kStart + "Cmd failed"}, 0, 0, Nothing},
+     0, {kDone + "ep=0x01, status=4, size=0", kCmd + "xfer(cmd) failed", kStart + "Cmd failed"}, 0, 0, Recovers},
     {"partial_acceptance", true, [](Dev& sim) { sim.SetTxAccept(2); }, TxCall(7), 2,
      {kTx + "request=3, transferred=2"}, 0, 0,
      [](Dev& sim) { EXPECT_EQ(sim.Sent(vs::kEpDataOut).size(), 1u); }},  // nothing after the partial slice
@@ -225,6 +225,10 @@ const FaultRow kRows[] = {
          sim.ClearFaults();
          EXPECT_EQ(Tx(3), 3u);
      }},
+    {"data_out_stalls", true, [](Dev& sim) { sim.SetOutFault(vs::kEpDataOut, vs::SimOutFault::kStall); }, TxCall(1), 0,
+     {kDone + "ep=0x02, status=4, size=0", "ERR int CanDev::Send(CAN_OBJX*, U32*, U32): xfer(tx) failed",
+      kTx + "Send failed"},
+     0, 0, [](Dev& sim) { sim.ClearFaults(); EXPECT_EQ(Tx(1), 1u); }},
     {"message_of_bad_length", true, Raw({vs::Bytes(21, 0)}), Drain, 0,  // neither 19*K nor 19*K + 1
      {"WRN " + kRecv + "data error, 21 bytes dropped ..."}, 0, 0, Nothing},
     {"zero_length_message", true, Raw({vs::Bytes()}), Drain, 0, {"WRN " + kRecv + "no data ..."}, 0, 0, Nothing},
