@@ -26,7 +26,13 @@ protected:
         ASSERT_TRUE(bed_.Ok());
         gdbg = 0;
     }
-    void TearDown() override { gdbg = 0; }
+    // Closes whatever the case left open while the testbed is still there (a close after it is
+    // gone waits on an emulation that no longer answers), so no event thread outlives its case.
+    void TearDown() override {
+        Log();
+        for (unsigned index : {0u, 1u, 2u, 65536u}) VCI_CloseDevice(kType, index);
+        gdbg = 0;
+    }
 
     vs::SimDevice& Sim(unsigned i = 0) { return bed_.Adapter(i); }
 

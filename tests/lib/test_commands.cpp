@@ -82,22 +82,7 @@ TEST_F(CommandTest, RegistersReadWriteAndStatusSnapshot) {
     EXPECT_EQ(stat.RegTxErrCount, info.regs[0x0F]);
     EXPECT_EQ(stat.RegStatus & 0x80, 0);  // not bus-off
     EXPECT_LE(stat.CounterPercent, 100u);
-}
-
-TEST_F(CommandTest, StatusKeepsAddressesOfFailedReadsAndPercentFromCounters) {
-    OpenAndStart();
-    // Register reads answered with a bit-7-clear status, the status command itself correctly.
-    Sim().SetAckFault(vs::SimAckFault::kNoAcceptBit, 0x0D);
-    CAN_STAT stat;
-    memset(&stat, 0xCC, sizeof(stat));
-    Capture();
-    ASSERT_EQ(VCI_ReadCANStatus(kType, 0, 0, &stat), 1u);
-    std::string log = Log();
-    EXPECT_EQ(CountLines(log, std::regex(".*VCI_GetReference.*: Ack error: 12 0d [0-7][0-9a-f]")), 7) << log;
-    const unsigned char want[8] = {0x00, 0x00, 0x02, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F};
-    EXPECT_EQ(memcmp(&stat, want, 8), 0);
     // A busy bus gives a percentage above zero: a generator keeps channel 0's bus loaded.
-    Sim().ClearFaults();
     vs::SimGenConfig gen;
     gen.dlc = 8;
     Sim().StartGenerator(0, gen);
@@ -152,109 +137,6 @@ TEST_F(LongIdentityTest, TextsOfFourteenAndOfNoCharacters) {
     EXPECT_EQ(info.IdText[0], '\0');
     EXPECT_EQ(static_cast<unsigned char>(info.IdText[1]), 0xCC);
     EXPECT_EQ(info.HardwareVersion, 0x0210);
-}
-
-TEST_F(CommandTest, BoardInfoStopsAtTheFirstBadAnswer) {
-    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
-    Sim().SetAckFault(vs::SimAckFault::kWrongCode, 0x13);
-    CAN_INFO info;
-    memset(&info, 0xCC, sizeof(info));
-    Sim().ClearSent();
-    Capture();
-    EXPECT_EQ(VCI_ReadBoardInfo(kType, 0, &info), 0u);
-    std::vector<std::string> problems = Problems(Log());
-    ASSERT_EQ(problems.size(), 1u);
-    EXPECT_TRUE(std::regex_match(problems[0], std::regex("ERR unsigned int VCI_ReadBoardInfo\\(unsigned int, unsigned "
-                                                         "int, CAN_INFO\\*\\): Ack error: [0-9a-f]{2} "
-                                                         "(?!13)[0-9a-f]{2} [0-9a-f]{2}")))
-        << problems[0];
-    EXPECT_EQ(Sim().Sent(vs::kEpCmdOut).size(), 3u);  // the serial and id queries are not sent
-    EXPECT_EQ(info.HardwareVersion, vs::SimIdentity().hw_version);
-    EXPECT_EQ(info.FirmwareVersion, vs::SimIdentity().fw_version);
-    EXPECT_EQ(info.DriverVersion, 0xCCCC);
-    EXPECT_EQ(info.ChannelCount, 0xCC);
-}
-
-TEST_F(CommandTest, AcknowledgementJudging) {
-    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
-    CAN_INIT init = {};
-    init.BusTiming1 = 0x14;
-    // The filter packet's answer lacks bit 7: one Ack error, after the timing packet went through.
-    Sim().SetAckFault(vs::SimAckFault::kNoAcceptBit, 0x04, 1);
-    Capture();
-    EXPECT_EQ(VCI_InitCAN(kType, 0, 0, &init), 0u);
-    std::vector<std::string> p = Problems(Log());
-    ASSERT_EQ(p.size(), 1u);
-    EXPECT_TRUE(std::regex_match(p[0], std::regex(".*VCI_InitCAN.*: Ack error: [0-9a-f]{2} 04 [0-7][0-9a-f]"))) << p[0];
-
-    // Wrong code, then an answer of two bytes: byte 2 reads as 00, so it fails the test too.
-    Sim().SetAckFault(vs::SimAckFault::kWrongCode, 0x0E, 1);
-    Capture();
-    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
-    Sim().SetAckFault(vs::SimAckFault::kShort, 0x0E, 1);
-    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
-    p = Problems(Log());
-    ASSERT_EQ(p.size(), 2u);
-    EXPECT_TRUE(std::regex_match(p[0], std::regex(".*VCI_StartCAN.*: Ack error: [0-9a-f]{2} (?!0e)[0-9a-f]{2} .."))) << p[0];
-    EXPECT_TRUE(std::regex_match(p[1], std::regex(".*VCI_StartCAN.*: Ack error: [0-9a-f]{2} 0e 00"))) << p[1];
-
-    // A zero-length answer wakes the exchange at once with nothing: no acknowledgement.
-    Sim().SetAckFault(vs::SimAckFault::kZeroLength, 0x0E, 1);
-    Capture();
-    vs::SimTestbed::Now();
-    uint64_t t0 = vs::SimTestbed::Now();
-    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 0u);
-    uint64_t ms = (vs::SimTestbed::Now() - t0) / 1000000;
-    p = Problems(Log());
-    EXPECT_EQ(p, (std::vector<std::string>{"ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(ack) failed",
-                                           std::string("ERR ") + kStartSig + ": Cmd failed"}));
-    EXPECT_LT(ms, 900u);
-    // All good again afterwards.
-    EXPECT_EQ(VCI_StartCAN(kType, 0, 0), 1u);
-}
-
-TEST_F(CommandTest, SilentAdapterTakesTheAckWait) {
-    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
-    Sim().SetAckFault(vs::SimAckFault::kNoAck);
-    unsigned char ref[1] = {0x0E};
-    Capture();
-    uint64_t t0 = vs::SimTestbed::Now();
-    EXPECT_EQ(VCI_GetReference(kType, 0, 0, 1, ref), 0u);
-    uint64_t ms = (vs::SimTestbed::Now() - t0) / 1000000;
-    EXPECT_EQ(Problems(Log()), (std::vector<std::string>{"ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(ack) failed",
-                                                         std::string("ERR ") + kRefSig + ": Cmd failed"}));
-    EXPECT_EQ(ref[0], 0x0E);  // the address is kept
-    EXPECT_GE(ms, 950u);
-    EXPECT_LT(ms, 2000u);
-    // A late answer of an earlier exchange is not mistaken for the next one's: the adapter is
-    // silent no more, and the next exchange gets its own answer.
-    Sim().ClearFaults();
-    EXPECT_EQ(VCI_GetReference(kType, 0, 0, 1, ref), 1u);
-}
-
-TEST_F(CommandTest, OutTransferThatNeverCompletesOrStalls) {
-    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
-    Sim().SetOutFault(vs::kEpCmdOut, vs::SimOutFault::kNever);
-    Capture();
-    uint64_t t0 = vs::SimTestbed::Now();
-    EXPECT_EQ(VCI_StartCAN(kType, 0, 1), 0u);
-    uint64_t ms = (vs::SimTestbed::Now() - t0) / 1000000;
-    std::vector<std::string> p = Problems(Log());
-    // libusb ends the packet after its 1000 ms timeout (status 2); the wait runs its 2000 ms.
-    EXPECT_EQ(p, (std::vector<std::string>{
-                     "WRN void CanDev::UsbXferDone(CanXfer*): xfer failed: ep=0x01, status=2, size=0",
-                     "ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(cmd) failed",
-                     std::string("ERR ") + kStartSig + ": Cmd failed"}));
-    EXPECT_GE(ms, 1950u);
-    EXPECT_LT(ms, 3500u);
-
-    Sim().SetOutFault(vs::kEpCmdOut, vs::SimOutFault::kStall);
-    Capture();
-    EXPECT_EQ(VCI_StartCAN(kType, 0, 1), 0u);
-    p = Problems(Log());
-    ASSERT_EQ(p.size(), 3u);
-    EXPECT_EQ(p[0], "WRN void CanDev::UsbXferDone(CanXfer*): xfer failed: ep=0x01, status=4, size=0");
-    EXPECT_EQ(p[1], "ERR int CanDev::Cmd(U8*, U32, U8*, U32*, U32): xfer(cmd) failed");
 }
 
 // The line numbers of the DBG lines of the function `sig`, in order.

@@ -1,6 +1,6 @@
 // The extension calls through the simulated adapter, in one case: the counters against the
 // traffic, bad arguments, the receive readiness descriptor against the queue (also under a racing
-// drain), and the loss of a full queue.
+// drain), and the loss of a full queue, which keeps its oldest frames.
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -74,4 +74,13 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     Sim().StartGenerator(0, gen);
     for (int i = 0; i < 3000 && vexlo_get_stats(0, 0, &a) && a.rx_frames + a.rx_lost < 70000; ++i) usleep(10000);
     EXPECT_TRUE(a.rx_frames == 65536 && a.rx_lost == 70000 - 65536 && a.queue_peak == 65536);
+    // The oldest are kept, in order, and reception works on.
+    EXPECT_EQ(VCI_GetReceiveNum(kType, 0, 0), 65536u);
+    CAN_OBJ many[1000];
+    unsigned next = 0, bad = 0;
+    for (unsigned got; (got = VCI_Receive(kType, 0, 0, many, 1000, 0)) != 0;)
+        for (unsigned i = 0; i < got; ++i) bad += static_cast<unsigned>(many[i].Data[0] | many[i].Data[1] << 8 | many[i].Data[2] << 16) != next++;
+    EXPECT_TRUE(next == 65536 && bad == 0 && Sim().RxDropped() == 0) << next << " " << bad;
+    Sim().InjectFrame(0, vs::SimFrame());
+    EXPECT_EQ(VCI_Receive(kType, 0, 0, many, 1, 1000), 1u);
 }

@@ -12,7 +12,6 @@
 using FrameTest = LibTest;
 
 static const char* kTxSig = "unsigned int VCI_Transmit(unsigned int, unsigned int, unsigned int, CAN_OBJ*, unsigned int)";
-static const char* kRecvSig = "void CanDev::Recv(CanXfer*)";
 
 static CAN_OBJ MakeFrame(unsigned i) {
     CAN_OBJ f;
@@ -91,54 +90,6 @@ TEST_F(FrameTest, FramesCrossTheBusBothWaysIntact) {
         << log;
 }
 
-TEST_F(FrameTest, TransmitStopsAtPartialOrMissingAcknowledgement) {
-    OpenAndStart();
-    CAN_OBJ tx[7];
-    for (unsigned i = 0; i < 7; ++i) tx[i] = MakeFrame(i);
-    Sim().SetTxAccept(2);
-    Sim().ClearSent();
-    Capture();
-    EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 7), 2u);
-    EXPECT_EQ(Problems(Log()), std::vector<std::string>{std::string("ERR ") + kTxSig + ": request=3, transferred=2"});
-    EXPECT_EQ(Sim().Sent(vs::kEpDataOut).size(), 1u);  // nothing after the partial slice
-    Sim().SetTxAccept(0);
-    EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 1), 0u);
-
-    // No acknowledgement: the wait of 2000 ms, then "Send failed".
-    Sim().SetTxAccept(-1);
-    Sim().SetAckFault(vs::SimAckFault::kNoAck, vs::kTxAck);
-    Capture();
-    uint64_t t0 = vs::SimTestbed::Now();
-    EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 5), 0u);
-    uint64_t ms = (vs::SimTestbed::Now() - t0) / 1000000;
-    EXPECT_EQ(Problems(Log()), std::vector<std::string>{std::string("ERR ") + kTxSig + ": Send failed"});
-    EXPECT_GE(ms, 1950u);
-    EXPECT_LT(ms, 3000u);
-
-    // An answer too short to carry the count counts as none.
-    Sim().SetAckFault(vs::SimAckFault::kShort, vs::kTxAck, 1);
-    Capture();
-    EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 1), 0u);
-    EXPECT_EQ(Problems(Log()), std::vector<std::string>{std::string("ERR ") + kTxSig + ": Send failed"});
-
-    // The packet itself never goes out: libusb's 2000 ms timeout, the wait of 3000 ms.
-    Sim().ClearFaults();
-    Sim().SetOutFault(vs::kEpDataOut, vs::SimOutFault::kNever);
-    Capture();
-    t0 = vs::SimTestbed::Now();
-    EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 3), 0u);
-    ms = (vs::SimTestbed::Now() - t0) / 1000000;
-    EXPECT_EQ(Problems(Log()), (std::vector<std::string>{
-                                   "WRN void CanDev::UsbXferDone(CanXfer*): xfer failed: ep=0x02, status=2, size=0",
-                                   "ERR int CanDev::Send(CAN_OBJX*, U32*, U32): xfer(tx) failed",
-                                   std::string("ERR ") + kTxSig + ": Send failed"}));
-    EXPECT_GE(ms, 2950u);
-    EXPECT_LT(ms, 4500u);
-    // Healthy again.
-    Sim().ClearFaults();
-    EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 3), 3u);
-}
-
 TEST_F(FrameTest, QueueCountsClearsAndSharesOut) {
     OpenAndStart();
     vs::SimFrame f;
@@ -205,13 +156,15 @@ TEST_F(FrameTest, TwoReadersShareFramesInQueueOrder) {
     Sim().StartGenerator(1, gen);
     std::vector<unsigned> seen[2];
     std::atomic<unsigned> count(0);
+    // Both read until all frames are in; frames still held in the adapter or in flight keep them
+    // reading. The deadline only ends a run that lost frames.
+    const uint64_t deadline = vs::SimTestbed::Now() + 40000000000ull;
     auto reader = [&](int r) {
         CAN_OBJ buf[7];
-        while (count < total) {
+        while (count < total && vs::SimTestbed::Now() < deadline) {
             unsigned got = VCI_Receive(kType, 0, 1, buf, 7, 20);
             for (unsigned i = 0; i < got; ++i) seen[r].push_back(Seq(buf[i]));
             count += got;
-            if (got == 0 && Sim().GeneratorSent(1) >= total && VCI_GetReceiveNum(kType, 0, 1) == 0) break;
         }
     };
     std::thread a(reader, 0), b(reader, 1);
@@ -229,30 +182,6 @@ TEST_F(FrameTest, TwoReadersShareFramesInQueueOrder) {
 // buffer is made deep enough that a stall of the emulated USB path on a loaded machine costs no
 // records there; every frame the generator sends still has to come through the library.
 static const size_t kDeepRxBuffer = 4u << 20;
-
-TEST_F(FrameTest, FullQueueKeepsTheOldest65536) {
-    OpenAndStart();
-    Sim().SetCabled(false);
-    Sim().SetRxCapacity(kDeepRxBuffer);
-    const unsigned total = 70000;
-    vs::SimGenConfig gen;  // 0-byte standard frames as fast as the bus goes
-    gen.count = total;
-    Sim().StartGenerator(1, gen);
-    for (int i = 0; i < 3000 && (Sim().GeneratorSent(1) < total || Sim().RxPending() != 0); ++i) usleep(10000);
-    ASSERT_EQ(Sim().GeneratorSent(1), total);
-    ASSERT_EQ(Sim().RxPending(), 0u);
-    usleep(50000);  // the last transfer is decoded
-    EXPECT_EQ(Sim().RxDropped(), 0u);
-    EXPECT_EQ(VCI_GetReceiveNum(kType, 0, 1), 65536u);
-    std::vector<CAN_OBJ> rx = ReceiveAll(1, 65536, 10000);
-    ASSERT_EQ(rx.size(), 65536u);
-    for (unsigned i = 0; i < rx.size(); ++i) ASSERT_EQ(Seq(rx[i]), i);
-    CAN_OBJ one;
-    EXPECT_EQ(VCI_Receive(kType, 0, 1, &one, 1, 0), 0u);
-    // It works on as before.
-    Sim().InjectFrame(1, vs::SimFrame());
-    EXPECT_EQ(VCI_Receive(kType, 0, 1, &one, 1, 1000), 1u);
-}
 
 TEST_F(FrameTest, NoticesReachTheErrorRecords) {
     OpenAndStart();
@@ -294,55 +223,6 @@ TEST_F(FrameTest, NoticesReachTheErrorRecords) {
         reported = err.ErrorCode != 0;
     }
     EXPECT_TRUE(reported);
-}
-
-TEST_F(FrameTest, MalformedMessagesGiveTheirWarnings) {
-    OpenAndStart();
-    const std::string sig = kRecvSig;
-    auto settle = [&] {
-        // A frame after the malformed input proves it has been handled.
-        vs::SimFrame m;
-        m.id = 0x77;
-        Sim().InjectFrame(1, m);
-        CAN_OBJ got;
-        EXPECT_EQ(VCI_Receive(kType, 0, 1, &got, 1, 2000), 1u);
-        EXPECT_EQ(got.Id, 0x77u);
-    };
-    Capture();
-    Sim().InjectRaw(vs::Bytes(21, 0));  // neither 19*K nor 19*K + 1
-    Sim().InjectRaw(vs::Bytes());       // a zero-length packet
-    settle();
-    for (int i = 0; i < 16; ++i) Sim().InjectRaw(vs::Bytes(64, 0));  // past the cache
-    settle();
-    // A good record, then one naming channel 2: the first is queued, the rest dropped.
-    vs::Bytes msg(3 * 19, 0);
-    vs::SimRecord good;
-    good.info = 0x10;  // channel 1, standard, no data
-    good.raw[0] = 0x60;
-    good.raw[1] = 0x24;  // identifier 0x123
-    good.Encode(&msg[0]);
-    vs::SimRecord bad = good;
-    bad.info = 0x20;
-    bad.Encode(&msg[19]);
-    good.Encode(&msg[38]);
-    Sim().InjectRaw(msg);
-    CAN_OBJ got[4];
-    EXPECT_EQ(VCI_Receive(kType, 0, 1, got, 4, 2000), 1u);
-    EXPECT_EQ(got[0].Id, 0x123u);
-    settle();
-    std::string log = Log();
-    EXPECT_EQ(Problems(log), (std::vector<std::string>{"WRN " + sig + ": data error, 21 bytes dropped ...",
-                                                       "WRN " + sig + ": no data ...",
-                                                       "WRN " + sig + ": cache full, 1024 bytes dropped ...",
-                                                       "ERR " + sig + ": invalid channel: channel=2"}))
-        << log;
-    // 64 + 12 bytes form one message of four records.
-    vs::Bytes four(76, 0);
-    for (int i = 0; i < 4; ++i) good.Encode(&four[19 * i]);
-    Sim().InjectRaw(vs::Bytes(four.begin(), four.begin() + 64));
-    Sim().InjectRaw(vs::Bytes(four.begin() + 64, four.end()));
-    std::vector<CAN_OBJ> rx = ReceiveAll(1, 4);
-    EXPECT_EQ(rx.size(), 4u);
 }
 
 // Both channels at the bus ceiling for a few seconds while the application drains them: nothing

@@ -71,8 +71,8 @@ int SimCountAdapters() {
 }
 
 Bytes SimCmd(uint8_t code, std::vector<uint8_t> tail) {
-    Bytes b = {0x12, code, static_cast<uint8_t>(tail.empty() ? 1 : tail.size() + 1), 0};
-    b.insert(b.end(), tail.begin(), tail.end());
+    tail.insert(tail.begin(), {0x12, code, static_cast<uint8_t>(tail.empty() ? 1 : tail.size() + 1), 0});
+    Bytes b = tail;
     return b;
 }
 
@@ -86,34 +86,6 @@ bool SimStartChannel(SimHost& host, unsigned ch, uint8_t t0, uint8_t t1, bool li
     Bytes start = {0x12, kCmdStart, 0x02, 0x00, sel};
     return ok(host.Cmd(timing), kCmdTiming) && ok(host.Cmd(filter), kCmdFilter) &&
            ok(host.Cmd(start), kCmdStart);
-}
-
-Bytes SimTxPacket(unsigned ch, uint32_t id0, unsigned count, uint8_t dlc) {
-    Bytes pkt(count * kRecordSize);
-    for (unsigned i = 0; i < count; ++i) {
-        SimFrame f;
-        f.id = id0 + i;
-        f.dlc = dlc;
-        for (int b = 0; b < 8; ++b) f.data[b] = static_cast<uint8_t>(i * 16 + b);
-        SimRecord::FromFrame(f, ch, 0).Encode(pkt.data() + i * kRecordSize);
-    }
-    return pkt;
-}
-
-std::vector<SimRecord> SimReadRecords(SimHost& host, size_t records, unsigned timeout_ms) {
-    std::vector<SimRecord> out;
-    Bytes msg;
-    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (out.size() < records && std::chrono::steady_clock::now() < until) {
-        Bytes got;
-        if (host.In(kEpDataIn, &got, 1024, 100) != 0 && got.empty()) continue;
-        msg.insert(msg.end(), got.begin(), got.end());
-        if (got.size() % kPacketSize == 0 && !got.empty()) continue;  // the message goes on
-        for (size_t off = 0; off + kRecordSize <= msg.size(); off += kRecordSize)
-            out.push_back(SimRecord::Decode(msg.data() + off));
-        msg.clear();
-    }
-    return out;
 }
 
 }  // namespace vexlo_sim

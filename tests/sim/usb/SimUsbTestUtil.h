@@ -41,10 +41,4 @@ Bytes SimCmd(uint8_t code, std::vector<uint8_t> tail = {});
 bool SimStartChannel(SimHost& host, unsigned ch, uint8_t t0 = 0x00, uint8_t t1 = 0x14,
                      bool listen_only = false);
 
-// A transmit packet of standard data frames on `ch` with identifiers id0, id0 + 1, ...
-Bytes SimTxPacket(unsigned ch, uint32_t id0, unsigned count, uint8_t dlc = 2);
-
-// Reads 0x82 until `records` records arrived or `timeout_ms` passed; the records in order.
-std::vector<SimRecord> SimReadRecords(SimHost& host, size_t records, unsigned timeout_ms = 2000);
-
 }  // namespace vexlo_sim
