@@ -28,19 +28,35 @@ suite() {  # suite DIR [CMAKE OPTIONS...]: builds everything in DIR and runs eve
 }
 
 # Programs that open an adapter, run once each under the simulator with valgrind's memcheck: any
-# memory error or leak fails. One line each, relative to the build directory.
+# memory error or leak fails. One line each: the program relative to the build directory and its
+# arguments, after the simulator's own options and " -- " when the run needs some (a generator for
+# frames to receive; --trace for a listening node that acknowledges the frames sent).
 memcheck_runs=(
   "tools/vexlo-demo -n 200 -q"
+  "tools/vexlo list"
+  "tools/vexlo info"
+  "-g 0:1000 -- tools/vexlo dump -n 20 0"
+  "-g 1:1000 -- tools/vexlo dump -T 1 0,1"
+  "--trace /dev/null -- tools/vexlo send 0 123#DEADBEEF 12345678#11.22.33 7FF#R2 000#"
+  "--trace /dev/null -- tools/vexlo gen -g 0 -n 100 0"
+  "--trace /dev/null -- tools/vexlo play tests/tools/memcheck-play.log"
+  "-g 0:1000 -- tools/vexlo stat 0"
 )
 
 memcheck() {
-  local run
+  local run sim prog
   for run in "${memcheck_runs[@]}"; do
     echo "== memcheck: $run"
+    sim=
+    prog=$run
+    if [[ $run == *" -- "* ]]; then
+      sim=${run%% -- *}
+      prog=${run#* -- }
+    fi
     # shellcheck disable=SC2086
-    build/sim/vexlo-sim -- valgrind -q --error-exitcode=99 --leak-check=full \
+    build/sim/vexlo-sim $sim -- valgrind -q --error-exitcode=99 --leak-check=full \
       --errors-for-leak-kinds=definite,indirect,possible --show-leak-kinds=definite,indirect,possible \
-      --suppressions=tests/sanitizers/valgrind.supp build/$run
+      --suppressions=tests/sanitizers/valgrind.supp build/$prog
   done
 }
 
