@@ -78,14 +78,6 @@ TEST(Wire, UnpackBothShiftsAndEveryField) {
     EXPECT_EQ(obj.DataLength, 15);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(obj.Data[i], i + 1);
     EXPECT_EQ(obj.Reserved[0] | obj.Reserved[1] | obj.Reserved[2], 0);
-
-    const U8 rawx[4] = {0xC0, 0xB3, 0xA2, 0x91};
-    memcpy(rec.RawId, rawx, 4);
-    rec.FrameInfo = 0xC0;
-    CanUnpack(&rec, &obj);
-    EXPECT_EQ(obj.Id, 0x12345678u);
-    EXPECT_EQ(obj.ExtendedFrame, 1);
-    EXPECT_EQ(obj.RemoteFrame, 1);
 }
 
 static CAN_OBJX Notice(U8 code, U8 b7, U8 b8, U8 b9) {

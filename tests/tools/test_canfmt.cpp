@@ -48,10 +48,8 @@ TEST(CanFmt, frame_text_both_ways) {
             EXPECT_EQ(error, r.error);
             continue;
         }
-        EXPECT_EQ(f.Id, r.id);
-        EXPECT_EQ(f.ExtendedFrame, r.ext);
-        EXPECT_EQ(f.RemoteFrame, r.rtr);
-        EXPECT_EQ(f.DataLength, r.len);
+        EXPECT_EQ(std::vector<unsigned>({f.Id, f.ExtendedFrame, f.RemoteFrame, f.DataLength}),
+                  std::vector<unsigned>({r.id, r.ext, r.rtr, r.len}));
         EXPECT_EQ(FormatFrame(f), r.compact);
         if (r.line) {
             EXPECT_EQ(FormatFrameLine("can0", f), r.line);
