@@ -108,30 +108,6 @@ TEST_F(CommandTest, BoardInfoFillsEveryFieldAndNothingBeyond) {
     for (size_t i = 31 + id.id_text.size() + 1; i < sizeof(info); ++i) ASSERT_EQ(raw[i], 0xCC) << i;
 }
 
-class LongIdentityTest : public LibTest {
-protected:
-    static std::vector<vs::SimIdentity> Ids() {
-        vs::SimIdentity id;
-        id.serial = "ABCDEFGHIJKLMN";  // 14 characters, the most an answer carries
-        id.id_text = "";
-        id.hw_version = 0x0210;
-        return {id};
-    }
-    LongIdentityTest() : LibTest(1, Ids()) {}
-};
-
-TEST_F(LongIdentityTest, TextsOfFourteenAndOfNoCharacters) {
-    ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
-    CAN_INFO info;
-    memset(&info, 0xCC, sizeof(info));
-    ASSERT_EQ(VCI_ReadBoardInfo(kType, 0, &info), 1u);
-    EXPECT_STREQ(info.SerialNumber, "ABCDEFGHIJKLMN");
-    EXPECT_EQ(reinterpret_cast<unsigned char*>(&info)[25], 0);
-    EXPECT_EQ(info.IdText[0], '\0');
-    EXPECT_EQ(static_cast<unsigned char>(info.IdText[1]), 0xCC);
-    EXPECT_EQ(info.HardwareVersion, 0x0210);
-}
-
 // The line numbers of the DBG lines of the function `sig`, in order.
 static std::vector<std::string> LineNos(const std::string& log, const std::string& sig) {
     std::regex re(": vexlo: DBG: " + std::regex_replace(sig, std::regex(R"([()*])"), R"(\$&)") + "<([0-9]+)>");

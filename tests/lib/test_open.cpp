@@ -160,17 +160,28 @@ TEST_F(NoAdapterTest, OpenFailsWithItsErrorsOnly) {
 
 class TwoAdapterTest : public LibTest {
 protected:
-    TwoAdapterTest() : LibTest(2) {}
+    static std::vector<vs::SimIdentity> Ids() {
+        vs::SimIdentity second;
+        second.serial = "ABCDEFGHIJKLMN";  // 14 characters, the most an answer carries
+        second.id_text = "";
+        return {vs::SimIdentity(), second};
+    }
+    TwoAdapterTest() : LibTest(2, Ids()) {}
 };
 
 TEST_F(TwoAdapterTest, PositionsSelectDifferentAdapters) {
     ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
     ASSERT_EQ(VCI_OpenDevice(kType, 1, 0), 1u);
     CAN_INFO a, b;
+    memset(&b, 0xCC, sizeof(b));
     ASSERT_EQ(VCI_ReadBoardInfo(kType, 0, &a), 1u);
     ASSERT_EQ(VCI_ReadBoardInfo(kType, 1, &b), 1u);
     EXPECT_STREQ(a.SerialNumber, vs::SimAdapter::DefaultSerial(0).c_str());
-    EXPECT_STREQ(b.SerialNumber, vs::SimAdapter::DefaultSerial(1).c_str());
+    // The second's texts: of fourteen characters, and of none.
+    EXPECT_STREQ(b.SerialNumber, "ABCDEFGHIJKLMN");
+    EXPECT_EQ(reinterpret_cast<unsigned char*>(&b)[25], 0);
+    EXPECT_EQ(b.IdText[0], '\0');
+    EXPECT_EQ(static_cast<unsigned char>(b.IdText[1]), 0xCC);
     // Commands reach the adapter of their own index only.
     Sim(0).ClearSent();
     Sim(1).ClearSent();
