@@ -78,14 +78,6 @@ TEST(Wire, UnpackBothShiftsAndEveryField) {
     EXPECT_EQ(obj.DataLength, 15);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(obj.Data[i], i + 1);
     EXPECT_EQ(obj.Reserved[0] | obj.Reserved[1] | obj.Reserved[2], 0);
-
-    const U8 rawx[4] = {0xC0, 0xB3, 0xA2, 0x91};
-    memcpy(rec.RawId, rawx, 4);
-    rec.FrameInfo = 0xC0;
-    CanUnpack(&rec, &obj);
-    EXPECT_EQ(obj.Id, 0x12345678u);
-    EXPECT_EQ(obj.ExtendedFrame, 1);
-    EXPECT_EQ(obj.RemoteFrame, 1);
 }
 
 static CAN_OBJX Notice(U8 code, U8 b7, U8 b8, U8 b9) {
@@ -135,9 +127,9 @@ struct Gatherer {
     }
 };
 
+// No data, a bad length, 64 then 12 bytes and sixteen transfers of 64 are rows of the fault matrix.
 TEST(Wire, GatherFollowsTheContinuationAndLengthRules) {
     Gatherer g;
-    EXPECT_EQ(g.Feed(0), CAN_GATHER_NODATA);
     EXPECT_EQ(g.Feed(19), CAN_GATHER_READY);
     EXPECT_EQ(g.out.msglen, 19u);
     EXPECT_EQ(g.len, 0u);
@@ -145,26 +137,14 @@ TEST(Wire, GatherFollowsTheContinuationAndLengthRules) {
     EXPECT_EQ(g.Feed(39), CAN_GATHER_READY);
     EXPECT_EQ(g.out.msglen / CAN_REC_SIZE, 2u);
     EXPECT_EQ(g.Feed(20), CAN_GATHER_READY);
-    EXPECT_EQ(g.Feed(21), CAN_GATHER_BADLEN);
-    EXPECT_EQ(g.out.msglen, 21u);
     EXPECT_EQ(g.Feed(1), CAN_GATHER_READY);
     EXPECT_EQ(g.out.msglen / CAN_REC_SIZE, 0u);
-    // 64 then 12: one message of 76 bytes, four records, decided only after the second.
-    EXPECT_EQ(g.Feed(64), CAN_GATHER_MORE);
-    EXPECT_EQ(g.len, 64u);
-    EXPECT_EQ(g.Feed(12), CAN_GATHER_READY);
-    EXPECT_EQ(g.out.before, 64u);
-    EXPECT_EQ(g.out.after, 76u);
-    EXPECT_EQ(g.out.msglen, 76u);
     // 1024 bytes fill the cache; the next transfer starts afresh and fails the length test.
     EXPECT_EQ(g.Feed(1024), CAN_GATHER_FULL);
     EXPECT_EQ(g.out.after, 1024u);
     EXPECT_EQ(g.len, 0u);
     EXPECT_EQ(g.Feed(100), CAN_GATHER_BADLEN);
     EXPECT_EQ(g.out.msglen, 100u);
-    // A run of 64-byte transfers past 1024: the sixteenth fills the cache.
-    for (int i = 0; i < 15; ++i) EXPECT_EQ(g.Feed(64), CAN_GATHER_MORE);
-    EXPECT_EQ(g.Feed(64), CAN_GATHER_FULL);
     // 960 gathered, then 100 more: only 64 fit; the rest is dropped with the full cache.
     for (int i = 0; i < 15; ++i) g.Feed(64);
     EXPECT_EQ(g.Feed(100), CAN_GATHER_FULL);

@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,13 +27,8 @@ public:
 
     static std::vector<std::string> Lines(const std::string& text) {
         std::vector<std::string> out;
-        size_t start = 0;
-        while (start < text.size()) {
-            size_t end = text.find('\n', start);
-            if (end == std::string::npos) end = text.size();
-            out.push_back(text.substr(start, end - start));
-            start = end + 1;
-        }
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);) out.push_back(line);
         return out;
     }
 

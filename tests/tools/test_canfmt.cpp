@@ -1,6 +1,7 @@
 // The pure pieces of the vexlo command, one table per concern.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
 #include "CanBitRate.h"
@@ -48,10 +49,8 @@ TEST(CanFmt, frame_text_both_ways) {
             EXPECT_EQ(error, r.error);
             continue;
         }
-        EXPECT_EQ(f.Id, r.id);
-        EXPECT_EQ(f.ExtendedFrame, r.ext);
-        EXPECT_EQ(f.RemoteFrame, r.rtr);
-        EXPECT_EQ(f.DataLength, r.len);
+        EXPECT_EQ(std::vector<unsigned>({f.Id, f.ExtendedFrame, f.RemoteFrame, f.DataLength}),
+                  std::vector<unsigned>({r.id, r.ext, r.rtr, r.len}));
         EXPECT_EQ(FormatFrame(f), r.compact);
         if (r.line) {
             EXPECT_EQ(FormatFrameLine("can0", f), r.line);
@@ -193,8 +192,7 @@ TEST(CanFmt, filters_and_acceptance_fit) {
                     s.ext = ext;
                     s.rtr = rtr;
                     s.dlc = 2;
-                    s.data[0] = f.Data[0];
-                    s.data[1] = f.Data[1];
+                    memcpy(s.data, f.Data, 2);
                     bool soft = FilterPasses(filters, f), hard = hw.Accepts(s);
                     if (soft || fit.type == 2 || fit.type == ext) {
                         EXPECT_EQ(hard, soft) << name << " id " << std::hex << f.Id << " ext " << ext;
@@ -265,16 +263,14 @@ TEST(CanFmt, log_lines_both_ways) {
     f.DataLength = 0;
     EXPECT_EQ(FormatLogLine(1700000000123456ull, "can0", f), "(1700000000.123456) can0 001ABCDE#");
     EXPECT_EQ(FormatLogLine(5, "can1", Frame(0x123, false, true)), "(0000000000.000005) can1 123#R2");
-    EXPECT_EQ(LogChannelNumber("can1"), 1);
-    EXPECT_EQ(LogChannelNumber("vcan0"), 0);
-    EXPECT_EQ(LogChannelNumber("x"), -1);
+    EXPECT_EQ(std::vector<int>({LogChannelNumber("can1"), LogChannelNumber("vcan0"), LogChannelNumber("x")}),
+              std::vector<int>({1, 0, -1}));
 }
 
 TEST(CanFmt, controller_status_in_words) {
-    EXPECT_EQ(ErrorStateText(0xC0, 0, 0), "bus-off");
-    EXPECT_EQ(ErrorStateText(0x40, 0, 128), "error passive");
-    EXPECT_EQ(ErrorStateText(0x40, 96, 0), "error warning");
-    EXPECT_EQ(ErrorStateText(0x00, 10, 20), "error active");
+    EXPECT_EQ(ErrorStateText(0xC0, 0, 0) + ", " + ErrorStateText(0x40, 0, 128) + ", " + ErrorStateText(0x40, 96, 0) +
+                  ", " + ErrorStateText(0x00, 10, 20),
+              "bus-off, error passive, error warning, error active");
     EXPECT_EQ(ErrorCodeText(0xD9), "other error while transmitting, in the acknowledge slot");
     EXPECT_EQ(ErrorCodeText(0x42), "form error while transmitting, in the identifier bits 28-21");
     EXPECT_EQ(ErrorCodeText(0xBF), "stuff error while receiving, in segment 0x1F");

@@ -2,6 +2,8 @@
 // bit rates and filters, fault confinement, arbitration, overrun.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "model/SimAdapter.h"
 #include "model/SimBitTiming.h"
 
@@ -93,15 +95,12 @@ TEST(SimAdapterModel, unacknowledged_frame_leads_to_error_passive_not_bus_off) {
     EXPECT_FALSE(c.bus_off_);
     EXPECT_EQ(c.ReadReg(kRegStatus) & 0xC0, 0x40);
     std::vector<SimRecord> recs = m.Drain();
-    unsigned warn = 0, passive = 0, frames = 0;
-    for (const SimRecord& r : recs) {
-        warn += r.event == kEvWarning;
-        passive += r.event == kEvPassive;
-        frames += r.event == kEvFrame;
-    }
-    EXPECT_EQ(warn, 1u);
-    EXPECT_EQ(passive, 1u);
-    EXPECT_EQ(frames, 0u);
+    auto count = [&](int event) {
+        return std::count_if(recs.begin(), recs.end(), [&](const SimRecord& r) { return r.event == event; });
+    };
+    EXPECT_EQ(count(kEvWarning), 1);
+    EXPECT_EQ(count(kEvPassive), 1);
+    EXPECT_EQ(count(kEvFrame), 0);
     // Once a receiver acknowledges, the frame goes through and the counter comes down by one.
     m.Start(1, false);
     m.a.Advance(101 * kMs);

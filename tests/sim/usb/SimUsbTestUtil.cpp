@@ -1,7 +1,5 @@
 #include "SimUsbTestUtil.h"
 
-#include <chrono>
-
 namespace vexlo_sim {
 
 SimHost::~SimHost() { Close(); }
@@ -33,26 +31,16 @@ void SimHost::Close() {
     h_ = nullptr;
 }
 
-int SimHost::Out(uint8_t ep, const Bytes& data, unsigned timeout_ms, int* sent) {
+int SimHost::Out(uint8_t ep, Bytes data) {
     int done = 0;
-    Bytes copy = data;
-    int r = libusb_bulk_transfer(h_, ep, copy.data(), static_cast<int>(copy.size()), &done, timeout_ms);
-    if (sent) *sent = done;
-    return r;
-}
-
-int SimHost::In(uint8_t ep, Bytes* data, size_t len, unsigned timeout_ms) {
-    data->assign(len, 0);
-    int got = 0;
-    int r = libusb_bulk_transfer(h_, ep, data->data(), static_cast<int>(len), &got, timeout_ms);
-    data->resize(static_cast<size_t>(got));
-    return r;
+    return libusb_bulk_transfer(h_, ep, data.data(), static_cast<int>(data.size()), &done, 1000);
 }
 
 Bytes SimHost::Cmd(const Bytes& cmd) {
-    Bytes ack;
-    if (Out(kEpCmdOut, cmd) != 0) return ack;
-    In(kEpCmdIn, &ack);
+    Bytes ack(64);
+    int got = 0;
+    if (Out(kEpCmdOut, cmd) != 0 || libusb_bulk_transfer(h_, kEpCmdIn, ack.data(), 64, &got, 1000) != 0) got = 0;
+    ack.resize(static_cast<size_t>(got));
     return ack;
 }
 
@@ -72,8 +60,7 @@ int SimCountAdapters() {
 
 Bytes SimCmd(uint8_t code, std::vector<uint8_t> tail) {
     tail.insert(tail.begin(), {0x12, code, static_cast<uint8_t>(tail.empty() ? 1 : tail.size() + 1), 0});
-    Bytes b = tail;
-    return b;
+    return tail;
 }
 
 bool SimStartChannel(SimHost& host, unsigned ch, uint8_t t0, uint8_t t1, bool listen_only) {

@@ -21,10 +21,8 @@ public:
     void Close();
     libusb_device_handle* handle() const { return h_; }
 
-    // Bulk OUT; the libusb result.
-    int Out(uint8_t ep, const Bytes& data, unsigned timeout_ms = 1000, int* sent = nullptr);
-    // Bulk IN into a buffer of `len` bytes; the libusb result, data resized to what arrived.
-    int In(uint8_t ep, Bytes* data, size_t len = 64, unsigned timeout_ms = 1000);
+    // Bulk OUT with a timeout of a second; the libusb result.
+    int Out(uint8_t ep, Bytes data);
     // One command and its answer; the answer is empty when none came.
     Bytes Cmd(const Bytes& cmd);
 
