@@ -37,17 +37,11 @@
 #include <thread>
 #include <vector>
 
+#include "BenchSim.h"
 #include "usb/SimTestbed.h"
 #include "vexlo_ext.h"
 
-namespace vs = vexlo_sim;
 
-static std::unique_ptr<vs::SimTestbed> g_bed;
-
-static double EnvOr(const char* name, double def) {
-    const char* v = getenv(name);
-    return v ? atof(v) : def;
-}
 
 static long long WallUs() {
     timeval tv;
@@ -59,16 +53,10 @@ static unsigned Seq(const unsigned char* d) {
     return d[0] | d[1] << 8 | d[2] << 16 | static_cast<unsigned>(d[3]) << 24;
 }
 
-static void OpenAndStart() {
-    VCI_OpenDevice(4, 0, 0);
-    CAN_INIT init;
-    memset(&init, 0, sizeof(init));
-    init.AcceptMask = 0xFFFFFFFF;
-    init.BusTiming1 = 0x14;
-    for (unsigned ch = 0; ch < 2; ++ch) {
-        VCI_InitCAN(4, 0, ch, &init);
-        VCI_StartCAN(4, 0, ch);
-    }
+// Both channels started, uncabled, with a deep adapter buffer so that the emulation's stalls are
+// not counted against the library.
+static void OpenUncabled() {
+    OpenAndStart();
     vs::SimDevice& sim = g_bed->Adapter(0);
     sim.SetCabled(false);
     sim.SetRxCapacity(4u << 20);
@@ -107,7 +95,7 @@ static void BM_WakeLatency(benchmark::State& state) {
     const double rate = EnvOr("VEXLO_EXT_RATE", 200);
     const double seconds = EnvOr("VEXLO_EXT_SECONDS", 10);
     for (auto _ : state) {
-        OpenAndStart();
+        OpenUncabled();
         vs::SimDevice& sim = g_bed->Adapter(0);
         const int fd = vexlo_receive_fd(0, 0);
         // Standard output goes to a file while measuring: the trace lines carry the queuing moments.
@@ -204,7 +192,7 @@ static const char* const kModeName[] = {"without_fd", "fd_every_5ms", "fd_blocke
 
 // One round at the bus ceiling on both channels: the event thread's nanoseconds per frame.
 static double LoadRound(LoadMode mode, double seconds, unsigned long long* frames) {
-    OpenAndStart();
+    OpenUncabled();
     vs::SimDevice& sim = g_bed->Adapter(0);
     const bool fd = mode != kPolling;
     pollfd p[2] = {{fd ? vexlo_receive_fd(0, 0) : -1, POLLIN, 0}, {fd ? vexlo_receive_fd(0, 1) : -1, POLLIN, 0}};
@@ -275,12 +263,4 @@ static void BM_ReceptionCost(benchmark::State& state) {
 }
 BENCHMARK(BM_ReceptionCost)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
-int main(int argc, char** argv) {
-    // The testbed comes before libusb's default context, which lives as long as the process.
-    g_bed.reset(new vs::SimTestbed(1));
-    if (!g_bed->Ok()) return 1;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    g_bed.reset();
-    return 0;
-}
+int main(int argc, char** argv) { return BenchMain(argc, argv); }

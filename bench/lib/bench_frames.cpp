@@ -21,12 +21,11 @@
 #include <memory>
 #include <string>
 
+#include "BenchSim.h"
 #include "usb/SimTestbed.h"
 #include "vexlo.h"
 
-namespace vs = vexlo_sim;
 
-static std::unique_ptr<vs::SimTestbed> g_bed;
 
 static double ThreadCpu() {
     timespec ts;
@@ -68,18 +67,6 @@ static CpuSplit ProcessCpu() {
     }
     if (d) closedir(d);
     return s;
-}
-
-static void OpenAndStart() {
-    VCI_OpenDevice(4, 0, 0);
-    CAN_INIT init;
-    memset(&init, 0, sizeof(init));
-    init.AcceptMask = 0xFFFFFFFF;
-    init.BusTiming1 = 0x14;
-    for (unsigned ch = 0; ch < 2; ++ch) {
-        VCI_InitCAN(4, 0, ch, &init);
-        VCI_StartCAN(4, 0, ch);
-    }
 }
 
 static void BM_TransmitSlices(benchmark::State& state) {
@@ -173,12 +160,4 @@ static void BM_ReceiveAtCeiling(benchmark::State& state) {
 }
 BENCHMARK(BM_ReceiveAtCeiling)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
-int main(int argc, char** argv) {
-    // The testbed comes before libusb's default context, which lives as long as the process.
-    g_bed.reset(new vs::SimTestbed(1));
-    if (!g_bed->Ok()) return 1;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    g_bed.reset();  // before the process's exit handlers remove the testbed's directory
-    return 0;
-}
+int main(int argc, char** argv) { return BenchMain(argc, argv); }

@@ -29,17 +29,11 @@
 #include <string>
 #include <vector>
 
+#include "BenchSim.h"
 #include "usb/SimTestbed.h"
 #include "vexlo_ext.h"
 
-namespace vs = vexlo_sim;
 
-static std::unique_ptr<vs::SimTestbed> g_bed;
-
-static double EnvOr(const char* name, double def) {
-    const char* v = getenv(name);
-    return v ? atof(v) : def;
-}
 
 static int CountDescriptors() {
     int n = 0;
@@ -84,18 +78,6 @@ static long ResidentKiB() {
         if (line.compare(0, 6, "VmRSS:") == 0) return atol(line.c_str() + 6);
     }
     return -1;
-}
-
-static bool OpenAndStart() {
-    if (VCI_OpenDevice(4, 0, 0) != 1) return false;
-    CAN_INIT init;
-    memset(&init, 0, sizeof(init));
-    init.AcceptMask = 0xFFFFFFFF;
-    init.BusTiming1 = 0x14;
-    for (unsigned ch = 0; ch < 2; ++ch) {
-        if (VCI_InitCAN(4, 0, ch, &init) != 1 || VCI_StartCAN(4, 0, ch) != 1) return false;
-    }
-    return true;
 }
 
 // Bytes of the heap in use (allocated and not freed), which resident memory cannot tell from pages
@@ -284,12 +266,4 @@ static void BM_CeilingSoak(benchmark::State& state) {
 }
 BENCHMARK(BM_CeilingSoak)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
-int main(int argc, char** argv) {
-    // The testbed comes before libusb's default context, which lives as long as the process.
-    g_bed.reset(new vs::SimTestbed(1));
-    if (!g_bed->Ok()) return 1;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    g_bed.reset();  // before the process's exit handlers remove the testbed's directory
-    return 0;
-}
+int main(int argc, char** argv) { return BenchMain(argc, argv); }

@@ -1,0 +1,46 @@
+// What the benchmarks of the library against the simulated adapter share: the process's one
+// testbed, opening adapter 0 with both channels started, the environment's settings, and main.
+// Each benchmark program is one source file that includes this once.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "usb/SimTestbed.h"
+#include "vexlo.h"
+
+namespace vs = vexlo_sim;
+
+static std::unique_ptr<vs::SimTestbed> g_bed;
+
+// A number from the environment, or `def` when the variable is not set.
+static inline double EnvOr(const char* name, double def) {
+    const char* v = getenv(name);
+    return v ? atof(v) : def;
+}
+
+// Opens adapter 0 and starts both channels at 1 Mbit/s accepting every frame; false on a failure.
+static inline bool OpenAndStart() {
+    if (VCI_OpenDevice(4, 0, 0) != 1) return false;
+    CAN_INIT init;
+    memset(&init, 0, sizeof(init));
+    init.AcceptMask = 0xFFFFFFFF;
+    init.BusTiming1 = 0x14;
+    for (unsigned ch = 0; ch < 2; ++ch) {
+        if (VCI_InitCAN(4, 0, ch, &init) != 1 || VCI_StartCAN(4, 0, ch) != 1) return false;
+    }
+    return true;
+}
+
+static inline int BenchMain(int argc, char** argv) {
+    // The testbed comes before libusb's default context, which lives as long as the process.
+    g_bed.reset(new vs::SimTestbed(1));
+    if (!g_bed->Ok()) return 1;
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    g_bed.reset();  // before the process's exit handlers remove the testbed's directory
+    return 0;
+}
