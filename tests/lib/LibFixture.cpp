@@ -15,13 +15,6 @@ void LibTest::OpenAndStart(unsigned index) {
     }
 }
 
-std::regex LineRe(const std::string& level, const std::string& signature, const std::string& message) {
-    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-    auto quote = [](const std::string& s) { return std::regex_replace(s, special, R"(\$&)"); };
-    return std::regex("[0-9]{10}\\.[0-9]{6}: vexlo: " + level + ": " + quote(signature) + "<[0-9]+>: " +
-                      quote(message));
-}
-
 int CountLines(const std::string& text, const std::regex& re) {
     std::istringstream in(text);
     std::string line;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/LogLine.h"
 #include "usb/SimTestbed.h"
 #include "vexlo.h"
 
@@ -56,8 +57,6 @@ protected:
     bool capturing_ = false;
 };
 
-// One log line: "<stamp>: vexlo: LEVEL: SIGNATURE<line>: MESSAGE".
-std::regex LineRe(const std::string& level, const std::string& signature, const std::string& message);
 // The number of lines of `text` matching `re` (whole line).
 int CountLines(const std::string& text, const std::regex& re);
 // The packet as the host sent it, for comparisons.

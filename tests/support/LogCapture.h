@@ -1,13 +1,13 @@
 // Captures the library's log lines in unit tests (which link the static core) through the log
-// sink, and offers the patterns the lines are matched with.
+// sink.
 #pragma once
 
 #include <mutex>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "LogLine.h"
 #include "XLog.h"
 
 class LogCapture {
@@ -46,13 +46,3 @@ private:
         Text().append(text, len);
     }
 };
-
-// "<10 digits>.<6 digits>: vexlo: LEVEL: SIGNATURE<digits>: MESSAGE" for a present-day clock.
-inline std::regex LogLine(const std::string& level, const std::string& signature, const std::string& message) {
-    auto quote = [](const std::string& s) {
-        static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-        return std::regex_replace(s, special, R"(\$&)");
-    };
-    return std::regex("[0-9]{10}\\.[0-9]{6}: vexlo: " + level + ": " + quote(signature) + "<[0-9]+>: " +
-                      quote(message));
-}
