@@ -1,9 +1,7 @@
 // Opening and closing adapters, the registry, the argument and device checks of every call, and
-// unplugging.
-#include <dirent.h>
+// the board information of two adapters.
 #include <unistd.h>
 
-#include <climits>
 #include <cstring>
 #include <thread>
 
@@ -59,8 +57,8 @@ TEST_F(OpenTest, IndexAbove31OpensButChannelCallsRefuseIt) {
     Sim().ClearSent();
     Capture();
     EXPECT_EQ(VCI_CloseDevice(kType, 65536), 1u);  // its resets fail and are ignored
-    EXPECT_EQ(CountLines(Log(), LineRe("ERR", "unsigned int VCI_ResetCAN(unsigned int, unsigned int, unsigned int)",
-                                       "invalid parameters")),
+    EXPECT_EQ(CountLines(Log(), LogLine("ERR", "unsigned int VCI_ResetCAN(unsigned int, unsigned int, unsigned int)",
+                                        "invalid parameters")),
               2);
     EXPECT_TRUE(Sim().Sent(vs::kEpCmdOut).empty());
 }
@@ -162,14 +160,28 @@ protected:
     TwoAdapterTest() : LibTest(2, Ids()) {}
 };
 
-TEST_F(TwoAdapterTest, PositionsSelectDifferentAdapters) {
+// Every field of the board information, and nothing beyond; each position its own adapter.
+TEST_F(TwoAdapterTest, BoardInfoAndPositionsSelectDifferentAdapters) {
     ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u);
     ASSERT_EQ(VCI_OpenDevice(kType, 1, 0), 1u);
     CAN_INFO a, b;
+    memset(&a, 0xCC, sizeof(a));
     memset(&b, 0xCC, sizeof(b));
+    Sim(0).ClearSent();
     ASSERT_EQ(VCI_ReadBoardInfo(kType, 0, &a), 1u);
     ASSERT_EQ(VCI_ReadBoardInfo(kType, 1, &b), 1u);
+    EXPECT_EQ(Sim(0).Sent(vs::kEpCmdOut),
+              (std::vector<vs::Bytes>{Pkt({0x12, 0x01, 0x01, 0x00}), Pkt({0x12, 0x12, 0x01, 0x00}),
+                                      Pkt({0x12, 0x13, 0x01, 0x00}), Pkt({0x12, 0x14, 0x01, 0x00}),
+                                      Pkt({0x12, 0x15, 0x01, 0x00})}));
+    vs::SimIdentity id;
+    EXPECT_EQ(std::vector<unsigned>({a.HardwareVersion, a.FirmwareVersion, a.DriverVersion, a.ApiVersion,
+                                     a.IrqNumber, a.ChannelCount}),
+              std::vector<unsigned>({id.hw_version, id.fw_version, 0x0200, 0x0200, 0, 2}));
     EXPECT_STREQ(a.SerialNumber, vs::SimAdapter::DefaultSerial(0).c_str());
+    EXPECT_STREQ(a.IdText, id.id_text.c_str());
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&a);
+    for (size_t i = 31 + id.id_text.size() + 1; i < sizeof(a); ++i) ASSERT_EQ(raw[i], 0xCC) << i;
     // The second's texts: of fourteen characters, and of none.
     EXPECT_STREQ(b.SerialNumber, "ABCDEFGHIJKLMN");
     EXPECT_EQ(reinterpret_cast<unsigned char*>(&b)[25], 0);
@@ -189,13 +201,20 @@ TEST_F(TwoAdapterTest, PositionsSelectDifferentAdapters) {
 
     // Device 1 receives on while device 0 opens and closes again and again, although its
     // completions may then be delivered on the closing thread: nothing lost, nothing reordered.
+    // (Under the address sanitizer a transfer record used after its close fails this case.)
     OpenAndStart(1);
     vs::SimGenConfig gen;
     gen.count = 3000;
     gen.rate = 2000;
     Sim(1).StartGenerator(0, gen);
-    std::thread closer([] {
-        for (int i = 0; i < 20; ++i) VCI_OpenDevice(kType, 0, 0), VCI_CloseDevice(kType, 0);
+    Sim(0).StartGenerator(1, gen);
+    std::thread closer([this] {
+        for (int i = 0; i < 20; ++i) {
+            if (i % 2) OpenAndStart(0);  // closing with frames of its own in flight
+            else VCI_OpenDevice(kType, 0, 0);
+            usleep(2000);
+            VCI_CloseDevice(kType, 0);
+        }
     });
     std::vector<CAN_OBJ> rx(gen.count);
     unsigned n = 0;
@@ -206,46 +225,3 @@ TEST_F(TwoAdapterTest, PositionsSelectDifferentAdapters) {
     for (unsigned i = 0; i < n; ++i) ASSERT_EQ(rx[i].Data[0] | rx[i].Data[1] << 8, static_cast<int>(i)) << i;
     EXPECT_EQ(VCI_CloseDevice(kType, 1), 1u);
 }
-
-// File descriptors of this process that refer to a simulated usbfs node.
-static int OpenUsbNodes() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    if (!d) return -1;
-    while (dirent* e = readdir(d)) {
-        char path[300], target[PATH_MAX];
-        snprintf(path, sizeof(path), "/proc/self/fd/%s", e->d_name);
-        ssize_t len = readlink(path, target, sizeof(target) - 1);
-        if (len <= 0) continue;
-        target[len] = '\0';
-        if (strstr(target, "/dev/bus/usb/")) ++n;
-    }
-    closedir(d);
-    return n;
-}
-
-// Opens and closes many times: right after the open, with the other channel streaming, and idle.
-// Run under AddressSanitizer as well, where a transfer record used after it was freed fails it.
-TEST_F(OpenTest, CloseIsCleanAcrossManyCycles) {
-    vs::SimGenConfig gen;
-    gen.rate = 5000;
-    gen.dlc = 8;
-    const int cycles = 200;
-    const int baseline = OpenUsbNodes();  // the simulator's own hold on its nodes
-    for (int i = 0; i < cycles; ++i) {
-        ASSERT_EQ(VCI_OpenDevice(kType, 0, 0), 1u) << "cycle " << i;
-        if (i % 3 == 1) {
-            CAN_INIT init = {};
-            init.AcceptMask = 0xFFFFFFFF;
-            init.BusTiming1 = 0x14;
-            ASSERT_EQ(VCI_InitCAN(kType, 0, 1, &init), 1u);
-            ASSERT_EQ(VCI_StartCAN(kType, 0, 1), 1u);
-            Sim().StartGenerator(1, gen);
-            usleep(2000);
-        }
-        EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
-        Sim().StopGenerator(1);
-        ASSERT_EQ(OpenUsbNodes(), baseline) << "cycle " << i;
-    }
-}
-
