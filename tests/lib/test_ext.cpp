@@ -1,6 +1,7 @@
 // The extension calls through the simulated adapter, in one case: the counters against the
-// traffic, bad arguments, the receive readiness descriptor against the queue (also under a racing
-// drain), and the loss of a full queue, which keeps its oldest frames.
+// traffic (and the error record its notices write), bad arguments, the receive readiness
+// descriptor against the queue (also under a racing drain), and the loss of a full queue, which
+// keeps its oldest frames.
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -28,7 +29,7 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     CAN_OBJ buf[3] = {};
     Sim().SetTxAccept(2);
     EXPECT_EQ(VCI_Transmit(kType, 0, 0, buf, 3), 2u);
-    for (int code : {0xE3, 0xE4, 0xEF, 0xE5, 0xE6}) Sim().InjectNotice(0, static_cast<uint8_t>(code));
+    for (int code : {0xE3, 0xE4, 0xEF, 0xE5, 0xE6}) Sim().InjectNotice(0, uint8_t(code), 0x11, 0x22, 0x33);
     for (int i = 0; i < 17; ++i) Sim().InjectRaw(vs::Bytes(i == 0 ? 21 : 64, 0));
     Sim().InjectRaw(Pkt({0, 0, 0, 0, 0, 0, 0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     VEXLO_STATS a = {sizeof(VEXLO_STATS), 0, 0, 0, 0, 0, {}}, b = {offsetof(VEXLO_STATS, rx_lost), 0, 0, 7, 0, 0, {}};
@@ -37,6 +38,13 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     EXPECT_EQ(std::vector<unsigned long long>({a.tx_frames, a.rx_frames, b.queue_peak, b.rx_lost, a.bad_messages,
                                                a.notices[0], a.notices[1], a.notices[2], a.notices[3], a.notices[4]}),
               std::vector<unsigned long long>({2, 0, 2, 7, 3, 1, 0, 1, 1, 1}));
+    // The error record holds what the notices wrote (0xE5's code, 0xE3's and 0xE4's data); a read
+    // clears it.
+    CAN_ERR err;
+    EXPECT_TRUE(VCI_ReadErrInfo(kType, 0, 0, &err) && err.ErrorCode == 16 && err.Code4Data[0] == 0x11 &&
+                err.Code4Data[2] == 0x33 && err.Code8Data == 0x11);
+    EXPECT_TRUE(VCI_ReadErrInfo(kType, 0, 0, &err) && err.ErrorCode == 0 && err.Code4Data[2] == 0 &&
+                VCI_ReadErrInfo(kType, 0, static_cast<unsigned>(-1), &err) && err.ErrorCode == 0);
     Capture();
     EXPECT_EQ(vexlo_get_stats(0, 2, &a) + vexlo_get_stats(1, 0, &a) + vexlo_get_stats(0, 0, nullptr) +
                   static_cast<unsigned>(vexlo_receive_fd(32, 0) + vexlo_receive_fd(1, 1) + 2), 0u);

@@ -1,5 +1,5 @@
 // The frame path: transmit and receive through the simulated bus, the queues, the receive wait,
-// notices to the error records, malformed messages, and a short full-load run with zero loss.
+// and a short full-load run with zero loss.
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +19,7 @@ static CAN_OBJ MakeFrame(unsigned i) {
     f.ExtendedFrame = i % 2;
     f.Id = f.ExtendedFrame ? 0x1ABCDE00 + i : 0x700 + i;
     f.RemoteFrame = i == 3;
-    f.DataLength = static_cast<unsigned char>(i % 9);
+    f.DataLength = static_cast<unsigned char>(i == 6 ? 15 : i % 9);  // a code above 8 is kept as it is
     for (int b = 0; b < 8; ++b) f.Data[b] = static_cast<unsigned char>(0x10 * i + b);
     return f;
 }
@@ -46,11 +46,9 @@ TEST_F(FrameTest, FramesCrossTheBusBothWaysIntact) {
     for (unsigned i = 0; i < 7; ++i) tx[i] = MakeFrame(i);
     Sim().ClearSent();
     EXPECT_EQ(VCI_Transmit(kType, 0, 0, tx, 7), 7u);
-    std::vector<vs::Bytes> packets = Sim().Sent(vs::kEpDataOut);
-    ASSERT_EQ(packets.size(), 3u);  // slices of 3, 3 and 1
-    EXPECT_EQ(packets[0].size(), 57u);
-    EXPECT_EQ(packets[1].size(), 57u);
-    EXPECT_EQ(packets[2].size(), 19u);
+    std::vector<size_t> sizes;
+    for (const vs::Bytes& p : Sim().Sent(vs::kEpDataOut)) sizes.push_back(p.size());
+    EXPECT_EQ(sizes, std::vector<size_t>({57, 57, 19}));  // slices of 3, 3 and 1
     std::vector<CAN_OBJ> rx = ReceiveAll(1, 7);
     ASSERT_EQ(rx.size(), 7u);
     for (unsigned i = 0; i < 7; ++i) {
@@ -72,9 +70,9 @@ TEST_F(FrameTest, FramesCrossTheBusBothWaysIntact) {
     ASSERT_EQ(rx.size(), 1u);
     EXPECT_EQ(rx[0].Id, tx[1].Id);
     EXPECT_EQ(rx[0].ExtendedFrame, 1);
-    EXPECT_EQ(CountLines(log, LineRe("DBG", kTxSig,
-                                     "CAN_1: ID=0x1abcde01, TS=0x00000000, TSE=0, TXM=0, RTR=0, EXT=1, LEN=1, "
-                                     "DAT=10 11 12 13 14 15 16 17 ")),
+    EXPECT_EQ(CountLines(log, LogLine("DBG", kTxSig,
+                                      "CAN_1: ID=0x1abcde01, TS=0x00000000, TSE=0, TXM=0, RTR=0, EXT=1, LEN=1, "
+                                      "DAT=10 11 12 13 14 15 16 17 ")),
               1)
         << log;
     EXPECT_EQ(CountLines(log, std::regex(".*: vexlo: DBG: void CanDev::Recv\\(CanXfer\\*\\)<[0-9]+>: CAN_0: "
@@ -148,32 +146,6 @@ TEST_F(FrameTest, TwoReadersShareFramesInQueueOrder) {
 // buffer is made deep enough that a stall of the emulated USB path on a loaded machine costs no
 // records there; every frame the generator sends still has to come through the library.
 static const size_t kDeepRxBuffer = 4u << 20;
-
-TEST_F(FrameTest, NoticesReachTheErrorRecords) {
-    OpenAndStart();
-    CAN_ERR err;
-    ASSERT_EQ(VCI_ReadErrInfo(kType, 0, 0, &err), 1u);
-    EXPECT_EQ(err.ErrorCode, 0u);
-    Sim().InjectNotice(0, 0xE3, 0x11, 0x22, 0x33);
-    Sim().InjectNotice(1, 0xE4, 0x5A);
-    Sim().InjectNotice(1, 0xE2);
-    Sim().InjectNotice(1, 0xE6);  // unknown: skipped
-    vs::SimFrame marker;
-    marker.id = 0x99;
-    Sim().InjectFrame(1, marker);  // records are handled in order: once this is queued, all are
-    CAN_OBJ buf;
-    ASSERT_EQ(VCI_Receive(kType, 0, 1, &buf, 1, 2000), 1u);
-    // Error code, Code4Data and Code8Data of each read; a read clears the record.
-    auto read = [&](unsigned ch) {
-        EXPECT_EQ(VCI_ReadErrInfo(kType, 0, ch, &err), 1u);
-        return std::vector<unsigned>{err.ErrorCode, err.Code4Data[0], err.Code4Data[1], err.Code4Data[2],
-                                     err.Code8Data};
-    };
-    EXPECT_EQ(read(0), (std::vector<unsigned>{4, 0x11, 0x22, 0x33, 0}));
-    EXPECT_EQ(read(0), (std::vector<unsigned>{0, 0, 0, 0, 0}));
-    EXPECT_EQ(read(1), (std::vector<unsigned>{2, 0, 0, 0, 0x5A}));
-    EXPECT_EQ(read(static_cast<unsigned>(-1))[0], 0u);
-}
 
 // Both channels at the bus ceiling for a few seconds while the application drains them: nothing
 // lost, duplicated or reordered. (The benchmark runs the same for a minute and measures CPU.)
