@@ -1,5 +1,5 @@
 // The adapter model without USB, where the library's tests cannot steer it: the transmit buffer,
-// bit rates and filters, fault confinement, arbitration, overrun.
+// bit rates, fault confinement, arbitration, overrun.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -66,20 +66,15 @@ TEST(SimAdapterModel, transmit_buffer_bounds_a_burst) {
     EXPECT_EQ(m.Send(2, 1, 1), 0u);   // channel 2 does not exist
 }
 
-TEST(SimAdapterModel, receiver_hears_only_its_bit_rate_and_filter) {
+// (That a receiver hears only what its filter accepts is checked through the library, by the
+// python interface's filter test.)
+TEST(SimAdapterModel, receiver_at_another_bit_rate_hears_only_errors) {
     Model m;
     m.Start(0);
-    m.Start(1);
-    m.Cmd({0x12, kCmdFilter, 0x0A, 0x00, 0x50, 0x20, 0x20, 0, 0, 0x00, 0x1F, 0xFF, 0xFF});  // id 0x101 only
-    m.Send(0, 0x100, 3);
-    m.a.Advance(kMs);
-    std::vector<SimRecord> recs = m.Drain();
-    ASSERT_EQ(recs.size(), 1u);
-    EXPECT_EQ(recs[0].ToFrame().id, 0x101u);
-    m.Start(1, false, 0x00, 0x1C);  // 500 kbit/s against 1 Mbit/s: only error notices
+    m.Start(1, false, 0x00, 0x1C);  // 500 kbit/s against 1 Mbit/s
     m.Send(0, 1, 1);
     m.a.Advance(10 * kMs);
-    recs = m.Drain();
+    std::vector<SimRecord> recs = m.Drain();
     ASSERT_FALSE(recs.empty());
     for (const SimRecord& r : recs) EXPECT_NE(r.event, kEvFrame);
 }

@@ -1,4 +1,4 @@
-// Unplug in the middle of traffic and replug, seen by one libusb context, and an idle event loop
+// Unplug with a transfer armed and replug, seen by one libusb context, and an idle event loop
 // that really blocks.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -46,11 +46,9 @@ TEST(SimPlug, unplug_ends_armed_transfers_and_the_same_context_sees_the_replug) 
     ASSERT_TRUE(bed.Ok());
     SimHost host;  // holds the default context for the whole case, as the library does
     ASSERT_TRUE(host.Open());
-    ASSERT_TRUE(SimStartChannel(host, 1));
-    SimGenConfig cfg;
-    cfg.rate = 2000;
-    bed.Adapter(0).StartGenerator(1, cfg);
-
+    host.Cmd(SimCmd(kCmdTiming, {0x10, 0x00, 0x14}));  // channel 1 started: the unplug must reset it
+    host.Cmd(SimCmd(kCmdStart, {0x10}));
+    ASSERT_EQ(bed.Adapter(0).Channel(1).state, SimChanState::kStarted);
     unsigned char buf[64];
     int status = -1;
     libusb_transfer* t = libusb_alloc_transfer(0);

@@ -63,16 +63,4 @@ Bytes SimCmd(uint8_t code, std::vector<uint8_t> tail) {
     return tail;
 }
 
-bool SimStartChannel(SimHost& host, unsigned ch, uint8_t t0, uint8_t t1, bool listen_only) {
-    uint8_t sel = static_cast<uint8_t>(ch << 4);
-    auto ok = [](const Bytes& ack, uint8_t code) {
-        return ack.size() >= 3 && ack[1] == code && (ack[2] & 0x80);
-    };
-    Bytes timing = {0x12, kCmdTiming, 0x04, 0x00, static_cast<uint8_t>(sel | (listen_only ? 0x80 : 0)), t0, t1};
-    Bytes filter = {0x12, kCmdFilter, 0x0A, 0x00, sel, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF};
-    Bytes start = {0x12, kCmdStart, 0x02, 0x00, sel};
-    return ok(host.Cmd(timing), kCmdTiming) && ok(host.Cmd(filter), kCmdFilter) &&
-           ok(host.Cmd(start), kCmdStart);
-}
-
 }  // namespace vexlo_sim

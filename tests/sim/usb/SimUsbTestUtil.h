@@ -35,8 +35,4 @@ int SimCountAdapters();
 
 Bytes SimCmd(uint8_t code, std::vector<uint8_t> tail = {});
 
-// Configures (timing, accept-all filter) and starts a channel; true when all three were accepted.
-bool SimStartChannel(SimHost& host, unsigned ch, uint8_t t0 = 0x00, uint8_t t1 = 0x14,
-                     bool listen_only = false);
-
 }  // namespace vexlo_sim
