@@ -1,4 +1,4 @@
-// The log line form, the mask gates, VCI_Debug and the time stamps.
+// The log line form, the mask gates and VCI_Debug. (The stamp's clock is every log line's.)
 #include <gtest/gtest.h>
 
 #include "support/LogCapture.h"
@@ -49,19 +49,4 @@ TEST(Log, DebugNeverSetsTheDumpBitADirectWriteDoes) {
     EXPECT_EQ(VCI_Debug(0x25), 0x25u);
     EXPECT_EQ(gdbg, 0x25u);
     gdbg = 0;  // the dump a direct write turns on: in the library's trace test
-}
-
-// The text form is the stamp of every log line the log tests match.
-TEST(Time, NowAndStopwatch) {
-    unsigned long long us = 1;
-    EXPECT_TRUE(XTime::Now(&us));
-    EXPECT_GT(us, 1600000000ULL * 1000000ULL);
-    EXPECT_TRUE(XTime::Now(nullptr));
-    // Before any Stop the span is 0; afterwards spans truncate.
-    XTimer timer;
-    EXPECT_EQ(timer.usecs(), 0u);
-    timer.start_ = 1000;
-    timer.stop_ = 1000 + 1999999;
-    EXPECT_EQ(timer.secs(), 1u);
-    EXPECT_EQ(timer.msecs(), 1999u);
 }

@@ -25,14 +25,12 @@ def test_stamps_anchor_unwrap_and_never_run_ahead_or_back():
     assert c.convert(0x00000100 + 21000, 101.5) == pytest.approx(101.1, abs=1e-3)  # anchor moved back
 
 
+# One filter of each frame format is checked on the adapter by the bus test.
 @pytest.mark.parametrize("filters, code_mask", [
-    ([{"can_id": 0x123, "can_mask": 0x7FF, "extended": False}], (0x24600000, 0x001FFFFF)),
-    ([{"can_id": 0x1234567, "can_mask": 0x1FFFFFFF, "extended": True}], (0x091A2B38, 0x00000007)),
     ([{"can_id": 0x100, "can_mask": 0x7FF, "extended": False},
       {"can_id": 0x101, "can_mask": 0x7FF, "extended": False}], (0x20000000, 0x003FFFFF)),
     ([{"can_id": 0x100, "can_mask": 0x7FF, "extended": False},
       {"can_id": 0x100, "can_mask": 0x7FF, "extended": True}], ACCEPT_ALL),
-    ([{"can_id": 0x100, "can_mask": 0x7FF}], ACCEPT_ALL),
     (None, ACCEPT_ALL),
 ])
 def test_acceptance_filter_for_python_can_filters(filters, code_mask):
