@@ -10,36 +10,49 @@
 
 static void Discard(const char*, size_t) {}
 
-static void BM_RecvDecodeAndQueue(benchmark::State& state) {
-    XLogSetSink(Discard);
-    CanDev dev;
-    const U32 k = 53;
-    std::vector<U8> msg(k * CAN_REC_SIZE);
-    for (U32 i = 0; i < k; ++i) {
+static const U32 kRecords = 53;
+
+// One message of 53 data frames alternating between the channels, handed to the device as its
+// data IN transfer's completion would hand it over.
+static CanXfer* Attach(CanDev& dev, std::vector<U8>* msg) {
+    msg->assign(kRecords * CAN_REC_SIZE, 0);
+    for (U32 i = 0; i < kRecords; ++i) {
         CAN_OBJ obj;
         memset(&obj, 0, sizeof(obj));
         obj.Id = 0x100 + i;
         obj.DataLength = 8;
-        CAN_OBJX* rec = reinterpret_cast<CAN_OBJX*>(&msg[i * CAN_REC_SIZE]);
+        CAN_OBJX* rec = reinterpret_cast<CAN_OBJX*>(&(*msg)[i * CAN_REC_SIZE]);
         CanPack(&obj, i % 2, rec);
         CanPutLe32(rec->TimeStamp, i);
     }
     CanXfer* xfer = dev.GetXfer(CAN_XFER_DATA_IN);
-    libusb_transfer* t = xfer->GetXfer();
-    t->buffer = msg.data();
-    t->actual_length = static_cast<int>(msg.size());
+    xfer->GetXfer()->buffer = msg->data();
+    xfer->GetXfer()->actual_length = static_cast<int>(msg->size());
+    return xfer;
+}
+
+// Gives the transfer its own buffer back.
+static void Detach(CanXfer* xfer) {
+    xfer->GetXfer()->buffer = xfer->buffer_.data();
+    xfer->GetXfer()->actual_length = 0;
+}
+
+static void BM_RecvDecodeAndQueue(benchmark::State& state) {
+    XLogSetSink(Discard);
+    CanDev dev;
+    std::vector<U8> msg;
+    CanXfer* xfer = Attach(dev, &msg);
     U64 frames = 0;
     for (auto _ : state) {
         dev.Recv(xfer);
-        frames += k;
+        frames += kRecords;
         // Keep the rings from filling, as the application's receive would (an O(1) discard).
         if (dev.GetFifo(0)->Size() > 0x8000) {
             dev.GetFifo(0)->Clear();
             dev.GetFifo(1)->Clear();
         }
     }
-    t->buffer = xfer->buffer_.data();
-    t->actual_length = 0;
+    Detach(xfer);
     state.SetItemsProcessed(static_cast<int64_t>(frames));
     state.counters["ratio_to_bus_ceiling"] =
         benchmark::Counter(static_cast<double>(frames) / 42553.0, benchmark::Counter::kIsRate);
@@ -54,29 +67,19 @@ BENCHMARK(BM_RecvDecodeAndQueue);
 static void BM_RecvWithDescriptor(benchmark::State& state) {
     XLogSetSink(Discard);
     CanDev dev;
-    const U32 k = 53;
-    std::vector<U8> msg(k * CAN_REC_SIZE);
-    for (U32 i = 0; i < k; ++i) {
-        CAN_OBJ obj;
-        memset(&obj, 0, sizeof(obj));
-        obj.DataLength = 8;
-        CanPack(&obj, i % 2, reinterpret_cast<CAN_OBJX*>(&msg[i * CAN_REC_SIZE]));
-    }
     const int mode = static_cast<int>(state.range(0));
     if (mode > 0) {
         for (int ch = 0; ch < 2; ++ch) dev.ready_[ch].Fd(dev.GetFifo(ch));
     }
-    CanXfer* xfer = dev.GetXfer(CAN_XFER_DATA_IN);
-    libusb_transfer* t = xfer->GetXfer();
-    t->buffer = msg.data();
-    t->actual_length = static_cast<int>(msg.size());
+    std::vector<U8> msg;
+    CanXfer* xfer = Attach(dev, &msg);
     U64 frames = 0;
     for (auto _ : state) {
         auto t0 = std::chrono::steady_clock::now();
         dev.Recv(xfer);
         auto t1 = std::chrono::steady_clock::now();
         state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
-        frames += k;
+        frames += kRecords;
         if (mode == 2 || dev.GetFifo(0)->Size() > 0x8000) {
             for (int ch = 0; ch < 2; ++ch) {
                 dev.GetFifo(ch)->Clear();
@@ -86,8 +89,7 @@ static void BM_RecvWithDescriptor(benchmark::State& state) {
             }
         }
     }
-    t->buffer = xfer->buffer_.data();
-    t->actual_length = 0;
+    Detach(xfer);
     state.SetItemsProcessed(static_cast<int64_t>(frames));
     XLogSetSink(nullptr);
 }

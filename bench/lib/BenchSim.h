@@ -1,13 +1,17 @@
 // What the benchmarks of the library against the simulated adapter share: the process's one
-// testbed, opening adapter 0 with both channels started, the environment's settings, and main.
+// testbed, opening adapter 0 with both channels started, the environment's settings, the walk over
+// the process's threads, and main.
 // Each benchmark program is one source file that includes this once.
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <dirent.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <string>
 
 #include "usb/SimTestbed.h"
 #include "vexlo.h"
@@ -15,6 +19,21 @@
 namespace vs = vexlo_sim;
 
 static std::unique_ptr<vs::SimTestbed> g_bed;
+
+// Calls fn(folder, command name, thread id) for every thread of this process, with its folder
+// under /proc/self/task.
+template <class Fn>
+static inline void ForEachThread(Fn fn) {
+    DIR* d = opendir("/proc/self/task");
+    while (dirent* e = d ? readdir(d) : nullptr) {
+        if (e->d_name[0] == '.') continue;
+        std::string folder = std::string("/proc/self/task/") + e->d_name;
+        std::string comm;
+        std::getline(std::ifstream(folder + "/comm"), comm);
+        fn(folder, comm, std::string(e->d_name));
+    }
+    if (d) closedir(d);
+}
 
 // A number from the environment, or `def` when the variable is not set.
 static inline double EnvOr(const char* name, double def) {

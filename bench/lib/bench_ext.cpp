@@ -20,7 +20,6 @@
 //     median of each over VEXLO_EXT_ROUNDS rounds (default 3) of VEXLO_EXT_LOAD_SECONDS (default 5)
 //     and the ratios to the first (target: within 2%).
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <poll.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -169,16 +168,9 @@ BENCHMARK(BM_WakeLatency)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond
 // Nanoseconds on a CPU of the event thread (named "vexlo-usb"), from the scheduler's account.
 static double EventThreadNs() {
     double ns = 0;
-    DIR* d = opendir("/proc/self/task");
-    while (dirent* e = d ? readdir(d) : nullptr) {
-        if (e->d_name[0] == '.') continue;
-        std::string base = std::string("/proc/self/task/") + e->d_name;
-        std::string comm;
-        std::getline(std::ifstream(base + "/comm"), comm);
-        if (comm != "vexlo-usb") continue;
-        std::ifstream(base + "/schedstat") >> ns;
-    }
-    if (d) closedir(d);
+    ForEachThread([&ns](const std::string& folder, const std::string& comm, const std::string&) {
+        if (comm == "vexlo-usb") std::ifstream(folder + "/schedstat") >> ns;
+    });
     return ns;
 }
 

@@ -9,7 +9,6 @@
 //     application thread and the event thread "vexlo-usb", both including libusb and the emulated
 //     USB calls they make) separately from the simulator's threads.
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -42,16 +41,11 @@ static CpuSplit ProcessCpu() {
     CpuSplit s;
     const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
     const std::string self = std::to_string(gettid());
-    DIR* d = opendir("/proc/self/task");
-    while (dirent* e = d ? readdir(d) : nullptr) {
-        if (e->d_name[0] == '.') continue;
-        std::string base = std::string("/proc/self/task/") + e->d_name;
-        std::string comm;
-        std::getline(std::ifstream(base + "/comm"), comm);
+    ForEachThread([&](const std::string& folder, const std::string& comm, const std::string& tid) {
         std::string stat;
-        std::getline(std::ifstream(base + "/stat"), stat);
+        std::getline(std::ifstream(folder + "/stat"), stat);
         size_t close = stat.rfind(')');
-        if (close == std::string::npos) continue;
+        if (close == std::string::npos) return;
         // Fields after the command: state is field 3; utime and stime are fields 14 and 15.
         std::istringstream rest(stat.substr(close + 2));
         std::string field;
@@ -61,11 +55,10 @@ static CpuSplit ProcessCpu() {
             if (i == 15) st = std::stod(field);
         }
         double secs = (ut + st) / tick;
-        if (self == e->d_name) s.app += secs;
+        if (tid == self) s.app += secs;
         else if (comm == "vexlo-usb") s.events += secs;
         else s.simulator += secs;
-    }
-    if (d) closedir(d);
+    });
     return s;
 }
 
