@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, on a Debian 12 machine, every package vexlo needs to build, test and run its demo,
-# and to build and check its Debian packages (scdoc for the manual pages; dpkg-dev, file, lintian).
+# and to build and check its Debian packages (scdoc for the manual pages; dpkg-dev, file, lintian),
+# and the clients its front ends are tested with (tshark, python3-serial, systemd-analyze).
 # Idempotent and quiet: when everything is there it installs nothing and prints nothing.
 set -euo pipefail
 
@@ -15,6 +16,7 @@ packages=(
   scdoc dpkg-dev file lintian
   python3-can python3-pytest python3-pip python3-setuptools python3-venv
   gcovr
+  libpcap-dev tshark python3-serial systemd
 )
 
 missing=()

@@ -1,10 +1,13 @@
 #include "XLog.h"
 
 #include <cstdarg>
+#include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "XTime.h"
+#include "vexlo_ext.h"
 
 // The exported mask: 0 at load, so only warnings and errors are written.
 extern "C" {
@@ -19,6 +22,49 @@ extern "C" VEXLO_API unsigned int VCI_Debug(unsigned int mask) {
 }
 
 static XLogSinkFn g_sink = XLogStdout;
+
+// The application's function for log lines (vexlo_set_log). Each setting is written into the next
+// of a few slots and then published, so that a line being written on another thread meanwhile
+// reads a whole (old or new) setting, without a lock on the path of every line.
+struct XLogApp {
+    vexlo_log_fn fn;
+    void* user;
+};
+static XLogApp g_apps[8];
+static std::atomic<unsigned> g_appnext{0};
+static std::atomic<const XLogApp*> g_app{nullptr};
+
+static int XLogLevel(const char* text) {
+    // The level word follows the first ": vexlo: " of the line.
+    const char* at = strstr(text, ": vexlo: ");
+    if (!at) return VEXLO_LOG_ERR;
+    at += 9;
+    if (!strncmp(at, "DBG", 3)) return VEXLO_LOG_DBG;
+    if (!strncmp(at, "WRN", 3)) return VEXLO_LOG_WRN;
+    return VEXLO_LOG_ERR;
+}
+
+static void XLogToApp(const char* text, size_t len) {
+    const XLogApp* app = g_app.load(std::memory_order_acquire);
+    if (!app) {
+        g_sink(text, len);
+        return;
+    }
+    // Handed over whole, without the line end.
+    std::string line(text, len && text[len - 1] == '\n' ? len - 1 : len);
+    app->fn(app->user, XLogLevel(line.c_str()), line.c_str());
+}
+
+extern "C" VEXLO_API void vexlo_set_log(vexlo_log_fn fn, void* user) {
+    const XLogApp* app = nullptr;
+    if (fn) {
+        XLogApp* slot = &g_apps[g_appnext.fetch_add(1, std::memory_order_relaxed) % 8];
+        slot->fn = fn;
+        slot->user = user;
+        app = slot;
+    }
+    g_app.store(app, std::memory_order_release);
+}
 
 void XLogStdout(const char* text, size_t len) {
     // One fwrite per line: the stream lock keeps lines of different threads whole.
@@ -51,7 +97,7 @@ void XLogWrite(const char* level, const char* func, int line, const char* fmt, .
     if (total < sizeof(small) && static_cast<size_t>(head) < sizeof(small)) {
         vsnprintf(small + head, sizeof(small) - head, fmt, ap2);
         va_end(ap2);
-        g_sink(small, total);
+        XLogToApp(small, total);
         return;
     }
     // A long line (a long signature or message): format it again into a buffer that fits.
@@ -60,7 +106,7 @@ void XLogWrite(const char* level, const char* func, int line, const char* fmt, .
     vsnprintf(&big[head], big.size() - head, fmt, ap2);
     va_end(ap2);
     big.resize(total);
-    g_sink(big.data(), big.size());
+    XLogToApp(big.data(), big.size());
 }
 
 void XLogDump(const char* func, int line, const char* head, const U8* bytes, size_t n) {
@@ -77,5 +123,5 @@ void XLogDump(const char* func, int line, const char* head, const U8* bytes, siz
         text += ' ';
     }
     text += '\n';
-    g_sink(text.data(), text.size());
+    XLogToApp(text.data(), text.size());
 }

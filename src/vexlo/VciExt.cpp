@@ -1,6 +1,8 @@
 // The extension calls: a channel's receive readiness descriptor, its counters, the version.
 // They keep the frame of the VCI_* calls: look the device up, trace, check the arguments, check
 // that the device is open.
+#include <poll.h>
+
 #include <cstddef>
 #include <cstring>
 
@@ -57,3 +59,31 @@ extern "C" VEXLO_API unsigned int vexlo_get_stats(unsigned int DevIndex, unsigne
 }
 
 extern "C" VEXLO_API const char* vexlo_version(void) { return VEXLO_VERSION; }
+
+// Provisional: host time is the time the frame is taken.
+extern "C" VEXLO_API int vexlo_receive(unsigned int DevIndex, unsigned int CANIndex, VEXLO_FRAME* frames,
+                                       unsigned int count, int wait_ms) {
+    CanDev* dev = CanDev::FindDevice(DevIndex);
+    if (DevIndex > VCI_MAX_INDEX || CANIndex > 1 || !frames || count == 0 || !dev) return -1;
+    int fd = vexlo_receive_fd(DevIndex, CANIndex);
+    CanFifo* fifo = dev->GetFifo(static_cast<int>(CANIndex));
+    for (int pass = 0; pass < 2; ++pass) {
+        unsigned int got = 0;
+        {
+            XLock guard(&CanDev::fifolck_);
+            CAN_OBJ obj;
+            while (got < count && fifo->Pop(&obj)) {
+                frames[got].frame = obj;
+                frames[got].host_us = XTime::Now();
+                ++got;
+            }
+            dev->ready_[CANIndex].Taken(fifo);
+        }
+        if (got || pass == 1 || wait_ms == 0 || fd < 0) return static_cast<int>(got);
+        struct pollfd p = {fd, POLLIN, 0};
+        poll(&p, 1, wait_ms);
+    }
+    return 0;
+}
+
+extern "C" VEXLO_API int vexlo_present(unsigned int DevIndex) { return CanDev::FindDevice(DevIndex) ? 1 : -1; }
