@@ -49,11 +49,28 @@ VEXLO_API const char* vexlo_version(void);
 
 /* ---- Frames with their host time ------------------------------------------------------------ */
 
-/* A received frame and the host time at which it was received. 32 bytes. */
+/* A received frame, or an adapter notice as an error frame, with the host time of its reception.
+ * 40 bytes.
+ *
+ * Notices (and frames the library's receive queue had to drop) arrive in order among the frames
+ * as error frames in the Linux CAN error-frame layout: frame.Id holds the error class, DataLength
+ * is 8 and Data the details; ExtendedFrame and RemoteFrame are 0. The mapping:
+ *   data overrun (code 1; also frames lost in a full receive queue):
+ *                          class 0x004 (controller), Data[1] 0x01 (receive overflow)
+ *   error warning (2):     class 0x004, Data[1] 0x0C (receive and transmit warning)
+ *   error passive (4):     class 0x204 (controller, counters), Data[1] 0x30 (receive and transmit
+ *                          passive), Data[6] transmit and Data[7] receive error counter
+ *   arbitration lost (8):  class 0x002, Data[0] the bit position where it was lost
+ *   bus error (16):        class 0x088 (protocol violation, bus error)
+ * VCI_ReadErrInfo keeps its own record of notices, unaffected by this. */
 typedef struct {
-    CAN_OBJ frame;               /* exactly as VCI_Receive gives it */
+    CAN_OBJ frame;               /* a frame exactly as VCI_Receive gives it, or an error frame */
+    unsigned int flags;          /* 0: a CAN frame; VEXLO_FRAME_ERROR: an error frame */
+    unsigned int reserved;       /* 0 */
     unsigned long long host_us;  /* host time of reception, microseconds since the Epoch */
 } VEXLO_FRAME;
+
+#define VEXLO_FRAME_ERROR 1u
 
 /* The result of vexlo_receive and vexlo_present once the adapter has been unplugged. */
 #define VEXLO_GONE (-2)
@@ -66,6 +83,8 @@ typedef struct {
  * completion and maps the adapter's own stamps onto it, so a frame's time is never later than the
  * completion that brought it, never decreases on a channel, stays right across the adapter
  * counter's wrap and days of silence, and frames of one completion keep the adapter's spacing.
+ * Error frames (see VEXLO_FRAME) come only through this call; once it has been called on a
+ * channel, a notice also makes the readiness descriptor readable.
  * Returns the number of frames taken (0 when none came in time), VEXLO_GONE when the queue is
  * empty and the adapter has been unplugged, -1 for bad arguments or a device that is not open.
  * Like every call, it must not run while another thread closes the device: a program that waits

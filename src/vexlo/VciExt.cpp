@@ -74,6 +74,8 @@ extern "C" VEXLO_API int vexlo_receive(unsigned int DevIndex, unsigned int CANIn
             CAN_OBJ obj;
             while (got < count && fifo->Pop(&obj)) {
                 frames[got].frame = obj;
+                frames[got].flags = 0;
+                frames[got].reserved = 0;
                 frames[got].host_us = XTime::Now();
                 ++got;
             }
