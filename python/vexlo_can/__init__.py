@@ -2,5 +2,12 @@
 
 from .bus import VexloBus
 
-__version__ = "1.0.0"
 __all__ = ["VexloBus"]
+
+
+def __getattr__(name):
+    # The version is the library's: the package is its front end and is built with it.
+    if name == "__version__":
+        from .library import load
+        return load().vexlo_version().decode()
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")

@@ -1,33 +1,32 @@
-"""VexloBus: one channel of a vexlo adapter as a python-can bus."""
+"""VexloBus: one channel of a vexlo adapter as a python-can bus.
 
-import collections
+The bus parses python-can's arguments and turns the library's records into messages; the rules of
+the adapter (bit timing, acceptance filter, host time, notices) are the library's.
+"""
+
 import ctypes
-import os
+import numbers
 import re
 import select
-import struct
+import threading
 import time
+import weakref
 
 from can import BusABC, BusState, CanInitializationError, CanOperationError, CanTimeoutError, Message
 
-from . import bitrate as rates, device, library as libvexlo
-from .filters import acceptance
-from .library import CAN_ERR, CAN_INIT, CAN_OBJ, CAN_STAT, DEV_TYPE, VEXLO_STATS
-from .stamps import StampClock
+from . import device, library as libvexlo
+from .library import CAN_INIT, CAN_OBJ, CAN_STAT, DEV_TYPE, FRAME_ERROR, GONE, VEXLO_FILTER, VEXLO_FRAME
 
-# A CAN_OBJ as bytes: identifier, stamp, stamp valid, transmit mode, remote, extended, length, data.
-_FRAME = struct.Struct("<IIBBBBB8s3x")
-# How often notices (and frames lost in the receive queue) are looked for: every 100 ms while
-# waiting, and every 256 frames while frames keep coming.
-NOTICE_PERIOD = 0.1
-NOTICE_FRAMES = 256
-# Frames taken from the library per call.
-BATCH = 64
-
-# Error frames follow the layout Linux CAN drivers use: the class in the identifier, details in the
-# data (byte 1 controller state, bytes 6 and 7 the transmit and receive error counters).
-ERR_LOSTARB, ERR_CRTL, ERR_PROT, ERR_BUSOFF, ERR_BUSERROR, ERR_CNT = 0x2, 0x4, 0x8, 0x40, 0x80, 0x200
-CRTL_RX_OVERFLOW, CRTL_WARNING, CRTL_PASSIVE, CRTL_ACTIVE = 0x01, 0x0C, 0x30, 0x40
+# A wait for frames looks this often whether another thread shut the bus down: the library's
+# descriptor wakes it only when the whole adapter closes.
+WAKE = 0.2
+# A bus error notice while error passive reads the channel's status (to learn of bus-off) at most
+# this often.
+STATUS_PERIOD = 0.1
+# Error classes and controller states of the Linux error-frame layout the library's notices use.
+ERR_CRTL, ERR_BUSOFF, ERR_BUSERROR = 0x004, 0x040, 0x080
+CRTL_WARNING, CRTL_PASSIVE = 0x0C, 0x30
+SHUT = "vexlo: the bus is shut down"
 
 
 def parse_channel(channel):
@@ -46,15 +45,78 @@ def parse_channel(channel):
     raise CanInitializationError(f"vexlo: bad channel {channel!r}: CH or ADAPTER:CH, CH 0 or 1, ADAPTER 0 to 31")
 
 
+def parse_rate(value):
+    """500000, 83333.0, "125k" or "1M" -> bit/s; ValueError for anything else."""
+    rate = value
+    if isinstance(value, str):
+        m = re.fullmatch(r"\s*(\d+(?:\.\d*)?)\s*([kKmM]?)\s*", value)
+        rate = m and float(m[1]) * {"": 1, "k": 1e3, "m": 1e6}[m[2].lower()]
+    if isinstance(rate, bool) or not isinstance(rate, numbers.Real) or not 1 <= rate <= 0xFFFFFFFF:
+        raise ValueError(f"bad bit rate {value!r}: bit/s, for example 500000 or \"125k\"")
+    return round(rate)
+
+
+def _byte(b):
+    return isinstance(b, int) and not isinstance(b, bool) and 0 <= b <= 0xFF
+
+
 def parse_btr(btr):
-    """Two timing bytes from 0x001C, "001C", b"\\x00\\x1c" or (0x00, 0x1C)."""
-    if isinstance(btr, str):
+    """Two timing bytes from 0x001C, "001C", b"\\x00\\x1c" or (0x00, 0x1C); ValueError otherwise."""
+    if isinstance(btr, str) and re.fullmatch(r"\s*(0[xX])?[0-9a-fA-F]{1,4}\s*", btr):
         btr = int(btr, 16)
-    if isinstance(btr, int) and 0 <= btr <= 0xFFFF:
+    if isinstance(btr, int) and not isinstance(btr, bool) and 0 <= btr <= 0xFFFF:
         return btr >> 8, btr & 0xFF
-    if isinstance(btr, (bytes, bytearray, tuple, list)) and len(btr) == 2 and all(0 <= b <= 0xFF for b in btr):
+    if isinstance(btr, (bytes, bytearray, tuple, list)) and len(btr) == 2 and all(map(_byte, btr)):
         return btr[0], btr[1]
     raise ValueError(f"bad btr {btr!r}: two timing bytes, for example 0x001C")
+
+
+def parse_filters(filters):
+    """python-can's filters -> a VEXLO_FILTER array; ValueError for what is not a filter."""
+    try:
+        filters = list(filters or ())
+        out = (VEXLO_FILTER * len(filters))()
+        for f, v in zip(filters, out):
+            v.id, v.mask = f["can_id"], f["can_mask"]
+            if not all(isinstance(x, int) and 0 <= x <= 0xFFFFFFFF for x in (f["can_id"], f["can_mask"])):
+                raise ValueError
+            v.extended = (1 if f["extended"] else 0) if "extended" in f else -1
+            v.remote = -1
+    except (TypeError, KeyError, ValueError, OverflowError):
+        raise ValueError(f"bad can_filters {filters!r}: a list of {{'can_id': ID, 'can_mask': MASK}} with "
+                         "an optional 'extended': True or False") from None
+    return out
+
+
+def timing_for_rate(lib, rate):
+    """The library's timing bytes for `rate`; CanInitializationError naming the nearest rates."""
+    btr0, btr1, below, above = ctypes.c_ubyte(), ctypes.c_ubyte(), ctypes.c_uint(), ctypes.c_uint()
+    if lib.vexlo_timing_for_rate(rate, btr0, btr1, below, above) != 1:
+        near = " or ".join(str(r) for r in (below.value, above.value) if r)
+        raise CanInitializationError(f"vexlo: bit rate {rate} is not reachable within 1% by the 16 MHz "
+                                     f"controller" + (f"; nearest: {near}" if near else ""))
+    return btr0.value, btr1.value
+
+
+class _Channel:
+    """What a bus holds of the library. Released by shutdown() or, for a bus dropped without it, by
+    the bus's finaliser, so it must not refer to the bus."""
+
+    def __init__(self, lib, index, ch):
+        self.lib, self.index, self.ch = lib, index, ch
+        self.lock = threading.Lock()  # held around every library call on the channel
+        self.open = True
+
+    def close(self):
+        with self.lock:
+            if not self.open:
+                return
+            self.open = False
+        device.release(self.index, self.ch)
+
+    def start(self, init):
+        lib, i, c = self.lib, self.index, self.ch
+        return lib.VCI_InitCAN(DEV_TYPE, i, c, init) and lib.VCI_StartCAN(DEV_TYPE, i, c)
 
 
 class VexloBus(BusABC):
@@ -65,11 +127,9 @@ class VexloBus(BusABC):
     :param btr: the two raw bus timing bytes instead of a bit rate, for example 0x001C.
     :param listen_only: receive only, never acknowledge or send.
     :param can_filters: python-can filters; set on the adapter's acceptance filter as far as they
-        fit and always checked in software.
+        fit, and checked by the library for each frame where they do not.
     :param library: path of libvexlo.so.1 (default: as the loader finds it).
     """
-
-    _open = False
 
     def __init__(self, channel=0, can_filters=None, bitrate=500000, btr=None, listen_only=False,
                  receive_own_messages=False, library=None, timing=None, fd=False, **kwargs):
@@ -78,181 +138,122 @@ class VexloBus(BusABC):
                                          "does not receive the frames it sends")
         if fd:
             raise CanInitializationError("vexlo: the adapter has no CAN FD")
-        self._index, self._ch = parse_channel(channel)
+        index, ch = parse_channel(channel)
         try:
             if timing is not None:
-                btr0, btr1 = timing.btr0, timing.btr1
-            elif btr is not None:
-                btr0, btr1 = parse_btr(btr)
-            else:
-                btr0, btr1 = rates.timing_for(500000 if bitrate is None else bitrate)
+                btr = (getattr(timing, "btr0", None), getattr(timing, "btr1", None))
+            timing = parse_btr(btr) if btr is not None else None
+            rate = parse_rate(500000 if bitrate is None else bitrate)
+            filters = parse_filters(can_filters)
         except ValueError as e:
             raise CanInitializationError(f"vexlo: {e}") from None
-        self._lib = lib = libvexlo.load(library)
-        self._timing = (btr0, btr1)
-        self._listen_only = bool(listen_only)
-        self._hw_filter = acceptance(can_filters)
+        lib = libvexlo.load(library)
+        btr0, btr1 = timing or timing_for_rate(lib, rate)
+        self._init = CAN_INIT(BusTiming0=btr0, BusTiming1=btr1, ListenOnly=1 if listen_only else 0)
+        self._filters, self._exact = filters, lib.vexlo_filter_fit(filters, len(filters), self._init) == 1
 
-        device.claim(lib, self._index, self._ch)
-        self._open = True
+        device.claim(lib, index, ch)
+        self._chan = chan = _Channel(lib, index, ch)
+        self._finalizer = weakref.finalize(self, chan.close)
+        self._frame = VEXLO_FRAME()
         try:
-            self._start()
-            self._fd = lib.vexlo_receive_fd(self._index, self._ch)
-            if self._fd < 0:
-                raise CanInitializationError(f"vexlo: no receive descriptor for channel {self._index}:{self._ch}")
+            # Frames left by an earlier bus on this channel are not this one's; the first
+            # vexlo_receive also lets notices make the descriptor readable.
+            if not lib.VCI_InitCAN(DEV_TYPE, index, ch, self._init):
+                raise CanInitializationError(f"vexlo: channel {index}:{ch} did not start")
+            while lib.vexlo_receive(index, ch, self._frame, 1, 0) > 0:
+                pass
+            self._fd = lib.vexlo_receive_fd(index, ch)
+            if self._fd < 0 or not chan.start(self._init):
+                raise CanInitializationError(f"vexlo: channel {index}:{ch} did not start")
         except BaseException:
-            self._open = False
-            device.release(lib, self._index, self._ch)
+            self._finalizer()
             raise
-
+        rate, permille = ctypes.c_uint(), ctypes.c_uint()
+        lib.vexlo_rate_for_timing(btr0, btr1, rate, permille)
         self.channel = channel
-        self.channel_info = (f"vexlo adapter {self._index} channel {self._ch}, "
-                             f"{rates.timing_rate(btr0, btr1):.0f} bit/s")
-        self._poll = select.poll()
+        self.channel_info = f"vexlo adapter {index} channel {ch}, {rate.value} bit/s"
+        self._poll = select.poll()  # holds no descriptor of its own
         self._poll.register(self._fd, select.POLLIN)
-        self._rx = (CAN_OBJ * BATCH)()
-        self._frames = collections.deque()
-        self._mirror = self._epoll = None
-        self._tx = CAN_OBJ()
-        self._tx_p = ctypes.pointer(self._tx)
-        self._pending = 0
-        self._clock = StampClock()
-        self._errors = collections.deque()
         self._state = BusState.ACTIVE
-        self._stats = VEXLO_STATS()
-        self._seen = self._read_counters()  # the counters run from the adapter's open
-        self._next_check = time.monotonic() + NOTICE_PERIOD
-        self._countdown = NOTICE_FRAMES
+        self._status_at = 0.0
         super().__init__(channel=channel, can_filters=can_filters, **kwargs)
 
-    # Channel set-up
-
-    def _start(self):
-        init = CAN_INIT(AcceptCode=self._hw_filter[0], AcceptMask=self._hw_filter[1], FilterMode=1,
-                        BusTiming0=self._timing[0], BusTiming1=self._timing[1],
-                        ListenOnly=1 if self._listen_only else 0)
-        lib, i, c = self._lib, self._index, self._ch
-        if not lib.VCI_InitCAN(DEV_TYPE, i, c, ctypes.byref(init)) or not lib.VCI_StartCAN(DEV_TYPE, i, c):
-            raise CanInitializationError(f"vexlo: channel {i}:{c} did not start")
+    def _restart(self):
+        """Starts the channel anew with self._init; the caller holds the channel's lock."""
+        chan = self._chan
+        chan.lib.VCI_ResetCAN(DEV_TYPE, chan.index, chan.ch)
+        if not chan.start(self._init):
+            raise CanOperationError(f"vexlo: channel {chan.index}:{chan.ch} did not start again")
 
     def _apply_filters(self, filters):
-        wanted = acceptance(filters)
-        if not self._open or wanted == self._hw_filter:
-            return
-        self._hw_filter = wanted
-        self._lib.VCI_ResetCAN(DEV_TYPE, self._index, self._ch)
-        try:
-            self._start()
-        except CanInitializationError as e:
-            raise CanOperationError(str(e)) from None
+        filters = parse_filters(filters)
+        with self._chan.lock:
+            if not self._chan.open:
+                raise CanOperationError(SHUT)
+            init = CAN_INIT.from_buffer_copy(self._init)
+            self._filters = filters
+            self._exact = self._chan.lib.vexlo_filter_fit(filters, len(filters), init) == 1
+            if bytes(init) != bytes(self._init):
+                self._init = init
+                self._restart()
 
     # Reception
 
     def _recv_internal(self, timeout):
-        if not self._open:
-            raise CanOperationError("vexlo: the bus is shut down")
-        lib, i, c = self._lib, self._index, self._ch
-        while True:
-            if self._errors:
-                msg = self._errors.popleft()
-                self._settle()
-                return msg, False
-            if self._frames:
-                msg = self._frames.popleft()
-                self._settle()
-                return msg, False
-            if not self._pending:
-                self._pending = lib.VCI_GetReceiveNum(DEV_TYPE, i, c)
-                if not self._pending:
-                    # VCI_Receive would sleep on an empty queue: wait on the descriptor instead.
-                    if not self._wait(timeout):
-                        return None, False
-                    continue
-            self._take()
-
-    def _take(self):
-        """Moves up to BATCH waiting frames from the library into self._frames as messages."""
-        n = self._lib.VCI_Receive(DEV_TYPE, self._index, self._ch, self._rx, min(self._pending, BATCH), 0)
-        self._pending = self._pending - n if n else 0
-        now, convert, channel = time.time(), self._clock.convert, self.channel
-        self._frames.extend(
-            Message(timestamp=convert(stamp, now), arbitration_id=fid, is_extended_id=bool(ext),
-                    is_remote_frame=bool(rtr), dlc=dlc, data=None if rtr else data[:dlc], channel=channel)
-            for fid, stamp, _, _, rtr, ext, dlc, data in _FRAME.iter_unpack(ctypes.string_at(self._rx, 24 * n)))
-        self._countdown -= n
-        if self._countdown <= 0:
-            self._check_notices()
-        if self._mirror is not None and self._frames:
-            os.eventfd_write(self._mirror, 1)
-
-    def _wait(self, timeout):
-        """Waits for frames or notices; False when `timeout` passed with neither."""
         deadline = None if timeout is None else time.monotonic() + timeout
         while True:
-            left = NOTICE_PERIOD if deadline is None else min(NOTICE_PERIOD, deadline - time.monotonic())
-            if self._poll.poll(max(0, int(left * 1000 + 0.999))):
-                self._pending = self._lib.VCI_GetReceiveNum(DEV_TYPE, self._index, self._ch)
-                if self._pending:
-                    return True
-            if time.monotonic() >= self._next_check:
-                self._check_notices()
-                if self._errors:
-                    return True
-            if not self._open:
-                raise CanOperationError("vexlo: the bus is shut down")
-            if deadline is not None and time.monotonic() >= deadline:
-                return False
+            msg = self._take()
+            if msg is not None:
+                return msg, True
+            left = WAKE if deadline is None else min(WAKE, deadline - time.monotonic())
+            if left <= 0:
+                return None, True
+            self._poll.poll(int(left * 1000) + 1)
 
-    def _read_counters(self):
-        st = self._stats
-        st.size = ctypes.sizeof(VEXLO_STATS)
-        if not self._lib.vexlo_get_stats(self._index, self._ch, ctypes.byref(st)):
-            raise CanOperationError(f"vexlo: adapter {self._index} is gone")
-        return st.rx_lost, tuple(st.notices)
+    def _take(self):
+        """The next frame the filters pass, or error frame; None when none waits."""
+        chan, f = self._chan, self._frame
+        with chan.lock:
+            if not chan.open:
+                raise CanOperationError(SHUT)
+            while True:
+                n = chan.lib.vexlo_receive(chan.index, chan.ch, f, 1, 0)
+                if n == GONE:
+                    raise CanOperationError(f"vexlo: adapter {chan.index} was unplugged")
+                if n < 0:
+                    raise CanOperationError(f"vexlo: channel {chan.index}:{chan.ch} cannot be read")
+                if n == 0:
+                    return None
+                o, error = f.frame, f.flags & FRAME_ERROR
+                if error:
+                    self._notice(o)
+                elif not self._exact and chan.lib.vexlo_filter_pass(self._filters, len(self._filters), o) != 1:
+                    continue
+                rtr, dlc = bool(o.RemoteFrame), o.DataLength
+                return Message(timestamp=f.host_us / 1e6, arbitration_id=o.Id, is_extended_id=bool(o.ExtendedFrame),
+                               is_remote_frame=rtr, is_error_frame=bool(error), dlc=dlc,
+                               data=None if rtr else bytes(o.Data)[:dlc], channel=self.channel)
 
-    def _check_notices(self):
-        """Turns new notices and frames lost in the receive queue into error frames and a state."""
-        self._next_check = time.monotonic() + NOTICE_PERIOD
-        self._countdown = NOTICE_FRAMES
-        seen, self._seen = self._seen, self._read_counters()
-        if seen == self._seen:
-            return
-        lost = self._seen[0] - seen[0]
-        overrun, warning, passive, arblost, buserror = (b - a for a, b in zip(seen[1], self._seen[1]))
-        err = CAN_ERR()
-        self._lib.VCI_ReadErrInfo(DEV_TYPE, self._index, self._ch, ctypes.byref(err))
-        if lost or overrun:
-            self._error(ERR_CRTL, {1: CRTL_RX_OVERFLOW})
-        if arblost:
-            self._error(ERR_LOSTARB, {0: err.Code8Data if err.ErrorCode == 8 else 0})
-        if buserror:
-            self._error(ERR_PROT | ERR_BUSERROR, {})
-        if warning or passive or buserror:
-            self._update_state(warning, passive)
+    def _notice(self, o):
+        """The bus state after a notice; a bus error while error passive may be bus-off."""
+        cls, crtl = o.Id, o.Data[1]
+        if cls & ERR_CRTL and crtl & CRTL_PASSIVE:
+            self._state = BusState.PASSIVE
+        elif cls & ERR_CRTL and crtl & CRTL_WARNING:
+            self._state = BusState.ACTIVE
+        elif cls & ERR_BUSERROR and self._state == BusState.PASSIVE and time.monotonic() >= self._status_at:
+            self._status_at = time.monotonic() + STATUS_PERIOD
+            if self._bus_off():
+                o.Id |= ERR_BUSOFF
 
-    def _update_state(self, warning, passive):
-        st = CAN_STAT()
-        if not self._lib.VCI_ReadCANStatus(DEV_TYPE, self._index, self._ch, ctypes.byref(st)):
-            return
-        tec, rec = st.RegTxErrCount, st.RegRxErrCount
-        if st.RegStatus & 0x80:
-            state, cls, crtl = BusState.ERROR, ERR_BUSOFF, 0
-        elif tec >= 128 or rec >= 128:
-            state, cls, crtl = BusState.PASSIVE, ERR_CRTL, CRTL_PASSIVE
-        else:
-            state, cls, crtl = BusState.ACTIVE, ERR_CRTL, CRTL_WARNING if st.RegStatus & 0x40 else CRTL_ACTIVE
-        if state != self._state or warning:
-            self._error(cls | ERR_CNT, {1: crtl, 6: tec, 7: rec})
-        self._state = state
-
-    def _error(self, cls, fields):
-        data = bytearray(8)
-        for k, v in fields.items():
-            data[k] = v
-        self._errors.append(Message(timestamp=time.time(), arbitration_id=cls, is_extended_id=False,
-                                    is_error_frame=True, dlc=8, data=data, channel=self.channel))
-        if self._mirror is not None:
-            os.eventfd_write(self._mirror, 1)
+    def _bus_off(self):
+        """True (and the state ERROR) when the channel's status says bus-off."""
+        st, chan = CAN_STAT(), self._chan
+        if chan.lib.VCI_ReadCANStatus(DEV_TYPE, chan.index, chan.ch, st) and st.RegStatus & 0x80:
+            self._state = BusState.ERROR
+            return True
+        return False
 
     @property
     def state(self):
@@ -261,53 +262,44 @@ class VexloBus(BusABC):
     @state.setter
     def state(self, new_state):
         # python-can's way to ask for a listen-only bus (PASSIVE) or an acknowledging one (ACTIVE).
-        if new_state not in (BusState.ACTIVE, BusState.PASSIVE):
-            raise ValueError(f"vexlo: cannot set the state {new_state}")
-        listen = new_state == BusState.PASSIVE
-        if listen != self._listen_only:
-            self._listen_only = listen
-            self._lib.VCI_ResetCAN(DEV_TYPE, self._index, self._ch)
-            self._start()
+        with self._chan.lock:
+            if not self._chan.open:
+                raise CanOperationError(SHUT)
+            if new_state not in (BusState.ACTIVE, BusState.PASSIVE):
+                raise ValueError(f"vexlo: cannot set the state {new_state}")
+            listen = 1 if new_state == BusState.PASSIVE else 0
+            if listen != self._init.ListenOnly:
+                self._init.ListenOnly = listen
+                self._restart()
 
     def fileno(self):
-        """A descriptor that polls readable while a message waits: the library's readiness
-        descriptor and, for messages already taken from the library, one of our own, joined."""
-        if self._epoll is None:
-            self._mirror = os.eventfd(0, os.EFD_NONBLOCK)
-            self._epoll = select.epoll()
-            self._epoll.register(self._fd, select.EPOLLIN)
-            self._epoll.register(self._mirror, select.EPOLLIN)
-            if self._frames or self._errors:
-                os.eventfd_write(self._mirror, 1)
-        return self._epoll.fileno()
-
-    def _settle(self):
-        if self._mirror is not None and not self._frames and not self._errors:
-            try:
-                os.eventfd_read(self._mirror)
-            except BlockingIOError:
-                pass
+        """The library's readiness descriptor: readable while a frame or error frame waits."""
+        with self._chan.lock:
+            if not self._chan.open:
+                raise CanOperationError(SHUT)
+            return self._fd
 
     # Transmission
 
     def send(self, msg, timeout=None):
-        if not self._open:
-            raise CanOperationError("vexlo: the bus is shut down")
         if msg.is_fd or msg.is_error_frame:
             raise CanOperationError("vexlo: the adapter sends classic CAN data and remote frames only")
         limit = 0x1FFFFFFF if msg.is_extended_id else 0x7FF
         if not 0 <= msg.arbitration_id <= limit or not 0 <= msg.dlc <= 8 or len(msg.data) > 8:
             raise CanOperationError(f"vexlo: cannot send {msg!r}: identifier or length out of range")
-        tx = self._tx
-        tx.Id = msg.arbitration_id
-        tx.ExtendedFrame = 1 if msg.is_extended_id else 0
-        tx.RemoteFrame = 1 if msg.is_remote_frame else 0
-        tx.DataLength = msg.dlc
-        ctypes.memmove(tx.Data, bytes(msg.data).ljust(8, b"\0"), 8)
+        tx = CAN_OBJ(Id=msg.arbitration_id, ExtendedFrame=msg.is_extended_id, RemoteFrame=msg.is_remote_frame,
+                     DataLength=msg.dlc)
+        ctypes.memmove(tx.Data, bytes(msg.data), len(msg.data))
+        chan = self._chan
         deadline = None if timeout is None else time.monotonic() + timeout
         pause = 0.0005
-        while not self._lib.VCI_Transmit(DEV_TYPE, self._index, self._ch, self._tx_p, 1):
-            reason, retry = self._refusal()
+        while True:
+            with chan.lock:
+                if not chan.open:
+                    raise CanOperationError(SHUT)
+                if chan.lib.VCI_Transmit(DEV_TYPE, chan.index, chan.ch, tx, 1):
+                    return
+                reason, retry = self._refusal()
             if not retry:
                 raise CanOperationError(f"vexlo: frame not sent: {reason}")
             left = None if deadline is None else deadline - time.monotonic()
@@ -318,14 +310,15 @@ class VexloBus(BusABC):
 
     def _refusal(self):
         """Why the adapter took no frame, and whether trying again can help."""
-        if not self._open:
-            return "the bus is shut down", False
-        if self._listen_only:
+        chan, st = self._chan, CAN_STAT()
+        if self._init.ListenOnly:
             return "the channel is listen-only", False
-        st = CAN_STAT()
-        if not self._lib.VCI_ReadCANStatus(DEV_TYPE, self._index, self._ch, ctypes.byref(st)):
-            return f"adapter {self._index} does not answer", False
+        if chan.lib.vexlo_present(chan.index) == GONE:
+            return f"adapter {chan.index} was unplugged", False
+        if not chan.lib.VCI_ReadCANStatus(DEV_TYPE, chan.index, chan.ch, st):
+            return f"adapter {chan.index} does not answer", False
         if st.RegStatus & 0x80:
+            self._state = BusState.ERROR
             return f"bus-off (transmit error counter {st.RegTxErrCount})", False
         if st.RegTxErrCount >= 128:
             return f"error passive, no node acknowledges (transmit error counter {st.RegTxErrCount})", True
@@ -335,12 +328,7 @@ class VexloBus(BusABC):
 
     def shutdown(self):
         super().shutdown()
-        if self._open:
-            self._open = False
-            device.release(self._lib, self._index, self._ch)
-            if self._epoll is not None:
-                self._epoll.close()
-                os.close(self._mirror)
+        self._finalizer()
 
     @staticmethod
     def _detect_available_configs():
@@ -349,4 +337,4 @@ class VexloBus(BusABC):
         except Exception:  # no library: nothing to offer
             return []
         return [{"interface": "vexlo", "channel": f"{index}:{ch}"}
-                for index in device.present(lib) for ch in (0, 1)]
+                for index in range(max(lib.vexlo_count(), 0)) for ch in (0, 1)]

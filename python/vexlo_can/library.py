@@ -1,12 +1,23 @@
-"""ctypes binding of libvexlo.so.1: the records and the calls the bus uses."""
+"""ctypes binding of libvexlo.so.1: the records and the calls the bus uses.
+
+Each library is bound once per process, however many paths name it, and from then on hands its
+log lines to Python's logging (logger "can.vexlo") instead of standard output.
+"""
 
 import ctypes
+import logging
 import threading
 
 from can import CanInterfaceNotImplementedError
 
 DEFAULT_LIBRARY = "libvexlo.so.1"
 DEV_TYPE = 4  # the two-channel adapter
+GONE = -2  # vexlo_receive and vexlo_present once the adapter was unplugged
+FRAME_ERROR = 1  # VEXLO_FRAME.flags of an error frame
+OPEN_MISSING, OPEN_BUSY, OPEN_DENIED = 1, 2, 3  # vexlo_open_error
+
+log = logging.getLogger("can.vexlo")
+_LEVELS = {0: logging.DEBUG, 1: logging.WARNING, 2: logging.ERROR}
 
 
 class CAN_OBJ(ctypes.Structure):
@@ -49,66 +60,92 @@ class CAN_STAT(ctypes.Structure):
     ]
 
 
-class CAN_ERR(ctypes.Structure):
+class VEXLO_FRAME(ctypes.Structure):
     _fields_ = [
-        ("ErrorCode", ctypes.c_uint),
-        ("Code4Data", ctypes.c_ubyte * 3),
-        ("Code8Data", ctypes.c_ubyte),
+        ("frame", CAN_OBJ),
+        ("flags", ctypes.c_uint),
+        ("reserved", ctypes.c_uint),
+        ("host_us", ctypes.c_ulonglong),
     ]
 
 
-class VEXLO_STATS(ctypes.Structure):
+class VEXLO_FILTER(ctypes.Structure):
     _fields_ = [
-        ("size", ctypes.c_uint),
-        ("queue_peak", ctypes.c_uint),
-        ("rx_frames", ctypes.c_ulonglong),
-        ("rx_lost", ctypes.c_ulonglong),
-        ("tx_frames", ctypes.c_ulonglong),
-        ("bad_messages", ctypes.c_ulonglong),
-        ("notices", ctypes.c_ulonglong * 5),
+        ("id", ctypes.c_uint),
+        ("mask", ctypes.c_uint),
+        ("extended", ctypes.c_byte),
+        ("remote", ctypes.c_byte),
+        ("inverse", ctypes.c_ubyte),
+        ("reserved", ctypes.c_ubyte),
     ]
 
 
-for _rec, _size in ((CAN_OBJ, 24), (CAN_INIT, 16), (CAN_STAT, 12), (CAN_ERR, 8), (VEXLO_STATS, 80)):
+for _rec, _size in ((CAN_OBJ, 24), (CAN_INIT, 16), (CAN_STAT, 12), (VEXLO_FRAME, 40), (VEXLO_FILTER, 12)):
     assert ctypes.sizeof(_rec) == _size, _rec.__name__
 
-_U = ctypes.c_uint
+LOG_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p)
+
+_U, _I, _P = ctypes.c_uint, ctypes.c_int, ctypes.POINTER
+_UB = _P(ctypes.c_ubyte)
 _SIGNATURES = {
     "VCI_OpenDevice": (_U, [_U, _U, _U]),
     "VCI_CloseDevice": (_U, [_U, _U]),
-    "VCI_InitCAN": (_U, [_U, _U, _U, ctypes.POINTER(CAN_INIT)]),
+    "VCI_InitCAN": (_U, [_U, _U, _U, _P(CAN_INIT)]),
     "VCI_StartCAN": (_U, [_U, _U, _U]),
     "VCI_ResetCAN": (_U, [_U, _U, _U]),
-    "VCI_Transmit": (_U, [_U, _U, _U, ctypes.POINTER(CAN_OBJ), _U]),
-    "VCI_Receive": (_U, [_U, _U, _U, ctypes.POINTER(CAN_OBJ), _U, _U]),
-    "VCI_GetReceiveNum": (_U, [_U, _U, _U]),
-    "VCI_ReadCANStatus": (_U, [_U, _U, _U, ctypes.POINTER(CAN_STAT)]),
-    "VCI_ReadErrInfo": (_U, [_U, _U, _U, ctypes.POINTER(CAN_ERR)]),
-    "vexlo_receive_fd": (ctypes.c_int, [_U, _U]),
-    "vexlo_get_stats": (_U, [_U, _U, ctypes.POINTER(VEXLO_STATS)]),
+    "VCI_Transmit": (_U, [_U, _U, _U, _P(CAN_OBJ), _U]),
+    "VCI_ReadCANStatus": (_U, [_U, _U, _U, _P(CAN_STAT)]),
+    "vexlo_receive_fd": (_I, [_U, _U]),
     "vexlo_version": (ctypes.c_char_p, []),
+    "vexlo_receive": (_I, [_U, _U, _P(VEXLO_FRAME), _U, _I]),
+    "vexlo_present": (_I, [_U]),
+    "vexlo_timing_for_rate": (_I, [_U, _UB, _UB, _P(_U), _P(_U)]),
+    "vexlo_rate_for_timing": (_I, [ctypes.c_ubyte, ctypes.c_ubyte, _P(_U), _P(_U)]),
+    "vexlo_filter_fit": (_I, [_P(VEXLO_FILTER), _U, _P(CAN_INIT)]),
+    "vexlo_filter_pass": (_I, [_P(VEXLO_FILTER), _U, _P(CAN_OBJ)]),
+    "vexlo_count": (_I, []),
+    "vexlo_open_error": (_I, [_P(ctypes.c_char_p)]),
+    "vexlo_set_log": (None, [LOG_FN, ctypes.c_void_p]),
 }
 
-_loaded = {}
+_by_path = {}
+_by_handle = {}  # one bound library per library loaded in the process
 _lock = threading.Lock()
 
 
+@LOG_FN
+def _log_line(_user, level, line):
+    log.log(_LEVELS.get(level, logging.ERROR), "%s", line.decode(errors="replace"))
+
+
 def load(path=None):
-    """The library at `path` (default: libvexlo.so.1 as the loader finds it), loaded once."""
+    """The library at `path` (default: libvexlo.so.1 as the loader finds it), bound once."""
     path = path or DEFAULT_LIBRARY
     with _lock:
-        if path not in _loaded:
-            try:
-                lib = ctypes.CDLL(path)
-            except OSError as e:
-                raise CanInterfaceNotImplementedError(f"vexlo: cannot load {path}: {e}") from None
+        if path in _by_path:
+            return _by_path[path]
+        try:
+            lib = ctypes.CDLL(path)
+        except OSError as e:
+            raise CanInterfaceNotImplementedError(f"vexlo: cannot load {path}: {e}") from None
+        # The loader hands out one handle for one file, whatever path reached it.
+        if lib._handle not in _by_handle:
             for name, (restype, argtypes) in _SIGNATURES.items():
                 try:
                     fn = getattr(lib, name)
                 except AttributeError:
                     raise CanInterfaceNotImplementedError(
-                        f"vexlo: {path} has no {name} (version 1.0.0 or later is needed)") from None
+                        f"vexlo: {path} has no {name} (a newer libvexlo is needed)") from None
                 fn.restype = restype
                 fn.argtypes = argtypes
-            _loaded[path] = lib
-        return _loaded[path]
+            lib.vexlo_set_log(_log_line, None)
+            _by_handle[lib._handle] = lib
+        _by_path[path] = _by_handle[lib._handle]
+        return _by_path[path]
+
+
+def restore_stdout():
+    """Gives the libraries' lines back to standard output: a finalised interpreter cannot take them."""
+    with _lock:
+        for lib in _by_handle.values():
+            lib.vexlo_set_log(LOG_FN(), None)
