@@ -107,12 +107,12 @@ class _Channel:
         self.lock = threading.Lock()  # held around every library call on the channel
         self.open = True
 
-    def close(self):
+    def close(self, wait):
         with self.lock:
             if not self.open:
                 return
             self.open = False
-        device.release(self.index, self.ch)
+        device.release(self.index, self.ch, wait)
 
     def start(self, init):
         lib, i, c = self.lib, self.index, self.ch
@@ -154,7 +154,7 @@ class VexloBus(BusABC):
 
         device.claim(lib, index, ch)
         self._chan = chan = _Channel(lib, index, ch)
-        self._finalizer = weakref.finalize(self, chan.close)
+        self._finalizer = weakref.finalize(self, chan.close, False)
         self._frame = VEXLO_FRAME()
         try:
             # Frames left by an earlier bus on this channel are not this one's; the first
@@ -167,7 +167,7 @@ class VexloBus(BusABC):
             if self._fd < 0 or not chan.start(self._init):
                 raise CanInitializationError(f"vexlo: channel {index}:{ch} did not start")
         except BaseException:
-            self._finalizer()
+            self._release()
             raise
         rate, permille = ctypes.c_uint(), ctypes.c_uint()
         lib.vexlo_rate_for_timing(btr0, btr1, rate, permille)
@@ -225,14 +225,14 @@ class VexloBus(BusABC):
                     raise CanOperationError(f"vexlo: channel {chan.index}:{chan.ch} cannot be read")
                 if n == 0:
                     return None
-                o, error = f.frame, f.flags & FRAME_ERROR
+                o, error = f.frame, bool(f.flags & FRAME_ERROR)
                 if error:
                     self._notice(o)
                 elif not self._exact and chan.lib.vexlo_filter_pass(self._filters, len(self._filters), o) != 1:
                     continue
                 rtr, dlc = bool(o.RemoteFrame), o.DataLength
                 return Message(timestamp=f.host_us / 1e6, arbitration_id=o.Id, is_extended_id=bool(o.ExtendedFrame),
-                               is_remote_frame=rtr, is_error_frame=bool(error), dlc=dlc,
+                               is_remote_frame=rtr, is_error_frame=error, dlc=dlc,
                                data=None if rtr else bytes(o.Data)[:dlc], channel=self.channel)
 
     def _notice(self, o):
@@ -328,7 +328,11 @@ class VexloBus(BusABC):
 
     def shutdown(self):
         super().shutdown()
-        self._finalizer()
+        self._release()
+
+    def _release(self):
+        if self._finalizer.detach():
+            self._chan.close(wait=True)
 
     @staticmethod
     def _detect_available_configs():

@@ -4,8 +4,10 @@ The two channels of an adapter are usually two buses (one can.Bus per channel); 
 open device. The first bus opens the adapter and the last one to let go closes it. A channel
 belongs to one bus at a time, whatever library path each bus was given: one registry per process.
 
-A bus dropped without shutdown() lets go from its finaliser, which the collector may run on a
-thread that is inside claim() already; such a release waits in a queue until claim() ends.
+A bus dropped without shutdown() lets go from its finaliser, which the collector may run on any
+thread: one holding the registry already, or the library's event thread while the holder closing
+an adapter waits for it. A finaliser therefore never waits for the registry: its release is
+queued, and whoever holds the registry carries it out.
 """
 
 import atexit
@@ -21,9 +23,8 @@ from .library import DEV_TYPE, OPEN_BUSY, OPEN_DENIED, OPEN_MISSING
 MAX_ADAPTERS = 32
 
 _lock = threading.Lock()
-_owner = None  # the thread inside the lock
 _open = {}  # adapter index -> (library, set of channels in use)
-_dropped = collections.deque()  # releases made by a finaliser inside the lock
+_dropped = collections.deque()  # releases to be carried out by the registry's holder
 
 
 def _open_error(lib, index):
@@ -39,69 +40,65 @@ def _open_error(lib, index):
     return f"adapter {index} could not be opened"
 
 
-class _Held:
-    """The registry's lock; queued releases are carried out by whoever holds it."""
+def claim(lib, index, channel):
+    """Opens adapter `index` if no bus has it open, and reserves `channel` on it."""
+    try:
+        with _lock:
+            _let_go_dropped()
+            held = _open.get(index)
+            if held is None:
+                if not lib.VCI_OpenDevice(DEV_TYPE, index, 0):
+                    raise CanInitializationError(f"vexlo: {_open_error(lib, index)}")
+                held = _open[index] = (lib, set())
+            elif channel in held[1]:
+                raise CanInitializationError(f"vexlo: channel {index}:{channel} is already open")
+            elif held[0] is not lib:
+                raise CanInitializationError(f"vexlo: adapter {index} is open here through {held[0]._name}, "
+                                             f"another library than {lib._name}")
+            held[1].add(channel)
+    finally:
+        _drain()
 
-    def __enter__(self):
-        global _owner
-        _lock.acquire()
-        _owner = threading.get_ident()
 
-    def __exit__(self, *exc):
-        global _owner
+def release(index, channel, wait):
+    """Gives `channel` back; the adapter is closed when it was the last one in use. Without `wait`
+    (a finaliser) that may be left to the thread that holds the registry."""
+    _dropped.append((index, channel))
+    if wait:
+        with _lock:
+            _let_go_dropped()
+    _drain()
+
+
+def _drain():
+    # A release queued while another thread held the registry is carried out by that thread here,
+    # after it let go, or by the releasing thread itself when nobody holds it.
+    while _dropped and _lock.acquire(blocking=False):
         try:
-            while _dropped:
-                _let_go(*_dropped.popleft())
+            _let_go_dropped()
         finally:
-            _owner = None
             _lock.release()
 
 
-def claim(lib, index, channel):
-    """Opens adapter `index` if no bus has it open, and reserves `channel` on it."""
-    with _Held():
-        while _dropped:
-            _let_go(*_dropped.popleft())
+def _let_go_dropped():
+    while _dropped:
+        index, channel = _dropped.popleft()
         held = _open.get(index)
-        if held is None:
-            if not lib.VCI_OpenDevice(DEV_TYPE, index, 0):
-                raise CanInitializationError(f"vexlo: {_open_error(lib, index)}")
-            held = _open[index] = (lib, set())
-        elif channel in held[1]:
-            raise CanInitializationError(f"vexlo: channel {index}:{channel} is already open")
-        elif held[0] is not lib:
-            raise CanInitializationError(f"vexlo: adapter {index} is open here through {held[0]._name}, "
-                                         f"another library than {lib._name}")
-        held[1].add(channel)
-
-
-def release(index, channel):
-    """Gives `channel` back; the adapter is closed when it was the last one in use."""
-    if _owner == threading.get_ident():
-        _dropped.append((index, channel))
-        return
-    with _Held():
-        _let_go(index, channel)
-
-
-def _let_go(index, channel):
-    held = _open.get(index)
-    if held is None or channel not in held[1]:
-        return
-    lib, channels = held
-    channels.discard(channel)
-    lib.VCI_ResetCAN(DEV_TYPE, index, channel)
-    if not channels:
-        del _open[index]
-        lib.VCI_CloseDevice(DEV_TYPE, index)
+        if held is None or channel not in held[1]:
+            continue
+        lib, channels = held
+        channels.discard(channel)
+        lib.VCI_ResetCAN(DEV_TYPE, index, channel)
+        if not channels:
+            del _open[index]
+            lib.VCI_CloseDevice(DEV_TYPE, index)
 
 
 @atexit.register
 def _at_exit():
     # Buses still open at exit are closed here or by their finalisers, whichever runs first; then
     # the interpreter can take no more log lines.
-    with _Held():
-        for index, (_, channels) in list(_open.items()):
-            for channel in list(channels):
-                _let_go(index, channel)
+    with _lock:
+        _dropped.extend((index, ch) for index, (_, channels) in list(_open.items()) for ch in channels)
+        _let_go_dropped()
     library.restore_stdout()
