@@ -4,6 +4,7 @@ The bus parses python-can's arguments and turns the library's records into messa
 the adapter (bit timing, acceptance filter, host time, notices) are the library's.
 """
 
+import atexit
 import ctypes
 import numbers
 import re
@@ -98,6 +99,18 @@ def timing_for_rate(lib, rate):
     return btr0.value, btr1.value
 
 
+_live = weakref.WeakSet()  # channels not closed yet
+
+
+@atexit.register
+def _at_exit():
+    # Buses still open at exit are closed here or by their finalisers, whichever runs first; then
+    # the interpreter can take no more log lines.
+    for chan in list(_live):
+        chan.close(wait=True)
+    libvexlo.restore_stdout()
+
+
 class _Channel:
     """What a bus holds of the library. Released by shutdown() or, for a bus dropped without it, by
     the bus's finaliser, so it must not refer to the bus."""
@@ -106,6 +119,7 @@ class _Channel:
         self.lib, self.index, self.ch = lib, index, ch
         self.lock = threading.Lock()  # held around every library call on the channel
         self.open = True
+        _live.add(self)
 
     def close(self, wait):
         with self.lock:

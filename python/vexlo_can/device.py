@@ -10,14 +10,12 @@ an adapter waits for it. A finaliser therefore never waits for the registry: its
 queued, and whoever holds the registry carries it out.
 """
 
-import atexit
 import collections
 import ctypes
 import threading
 
 from can import CanInitializationError
 
-from . import library
 from .library import DEV_TYPE, OPEN_BUSY, OPEN_DENIED, OPEN_MISSING
 
 MAX_ADAPTERS = 32
@@ -92,13 +90,3 @@ def _let_go_dropped():
         if not channels:
             del _open[index]
             lib.VCI_CloseDevice(DEV_TYPE, index)
-
-
-@atexit.register
-def _at_exit():
-    # Buses still open at exit are closed here or by their finalisers, whichever runs first; then
-    # the interpreter can take no more log lines.
-    with _lock:
-        _dropped.extend((index, ch) for index, (_, channels) in list(_open.items()) for ch in channels)
-        _let_go_dropped()
-    library.restore_stdout()
