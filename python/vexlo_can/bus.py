@@ -173,8 +173,6 @@ class VexloBus(BusABC):
         try:
             # Frames left by an earlier bus on this channel are not this one's; the first
             # vexlo_receive also lets notices make the descriptor readable.
-            if not lib.VCI_InitCAN(DEV_TYPE, index, ch, self._init):
-                raise CanInitializationError(f"vexlo: channel {index}:{ch} did not start")
             while lib.vexlo_receive(index, ch, self._frame, 1, 0) > 0:
                 pass
             self._fd = lib.vexlo_receive_fd(index, ch)
