@@ -47,7 +47,8 @@ bool ParseUnplug(const std::string& arg, SimToolUnplug* u, std::string* error) {
     bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a, kMaxAdapters) &&
               ParseSeconds(p[1], &u->at) && (p.size() == 2 || (ParseSeconds(p[2], &u->back) && u->back > u->at));
     u->adapter = static_cast<unsigned>(a);
-    if (!ok) *error = "bad unplug '" + arg + "' (A:AT[:BACK] in seconds from the start, at most 31622400, BACK after AT)";
+    if (!ok)
+        *error = "bad unplug '" + arg + "' (A:AT[:BACK] in seconds from the start, at most 31622400, BACK after AT)";
     return ok;
 }
 
@@ -261,7 +262,8 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
             return false;
         }
         if ((o.first == "--serial" || o.first == "--id-text") && value.size() > SimAdapter::kMaxText) {
-            *error = o.first + " '" + value + "' is longer than " + std::to_string(SimAdapter::kMaxText) + " characters";
+            *error = o.first + " '" + value + "' is longer than " + std::to_string(SimAdapter::kMaxText) +
+                     " characters";
             return false;
         }
         for (unsigned k = 0; k < out->adapters; ++k) {

@@ -118,7 +118,8 @@ int StdTakes(const CanAcceptSetting& s, U32 k) {
 std::vector<Cube> ExtTaken(const CanAcceptSetting& s) {
     const U32 care = ~s.mask;
     if (s.single) return {{(s.code & care) >> 2, care >> 2}};
-    return {{((s.code & care) >> 16) << 14, (care >> 16) << 14}, {((s.code & care) & 0xFFFF) << 14, (care & 0xFFFF) << 14}};
+    return {{((s.code & care) >> 16) << 14, (care >> 16) << 14},
+            {((s.code & care) & 0xFFFF) << 14, (care & 0xFFFF) << 14}};
 }
 
 // A filter's share of the list in one mode: the bounding cube of its frames of each format, and
@@ -149,14 +150,16 @@ struct Slot {
     int shift;  // image bit = key bit + shift
 };
 const Slot kSingleSlots[] = {{kStd, 0, 0xFFF, 20}, {kExt, 0, 0x3FFFFFFF, 2}};
-const Slot kDualSlots[] = {{kStd, 0, 0xFFF, 20}, {kStd, 1, 0xFFF, 4}, {kExt, 0, 0x3FFFC000, 2}, {kExt, 1, 0x3FFFC000, -14}};
+const Slot kDualSlots[] = {
+    {kStd, 0, 0xFFF, 20}, {kStd, 1, 0xFFF, 4}, {kExt, 0, 0x3FFFC000, 2}, {kExt, 1, 0x3FFFC000, -14}};
 U32 Place(U32 keys, int shift) { return shift >= 0 ? keys << shift : keys >> -shift; }
 
 // The setting of a mode for the two groups (in single mode the first only). A bit of the code is
-// compared when every slot that reads it wants it compared with one value; a slot without frames
-// follows the same format's slot of the other filter where it can (two filters that agree let
-// fewer frames through), and a bit that no slot with frames reads is compared. Standard data bits that would decide about a
-// wanted data frame stay free.
+// compared when every slot with frames that reads it wants it compared with one value, and when
+// no slot with frames reads it; a slot without frames then follows the same format's slot of the
+// other filter where it can (two filters that agree let fewer frames through). The data bits of
+// the first filter stay free when it takes standard data frames: the list never asks for data.
+// Settings built so are only candidates: Fitter::Try checks each against the list.
 CanAcceptSetting Build(bool single, const Group g[2]) {
     U32 free = 0, want = 0, val = 0, clash = 0, soft = 0, softval = 0, softclash = 0;
     const Slot* slots = single ? kSingleSlots : kDualSlots;

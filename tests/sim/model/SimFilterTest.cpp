@@ -8,14 +8,8 @@
 using namespace vexlo_sim;
 
 TEST(SimFilter, settings_accept_exactly_their_frames) {
-    struct Row {
-        const char* what;
-        uint32_t code, mask;
-        bool single;
-        uint32_t id;
-        bool ext, rtr;
-        uint8_t dlc, d0, d1;
-        bool accepted;
+    struct Row {  // the setting, then the frame
+        const char* what; uint32_t code, mask; bool single; uint32_t id; bool ext, rtr; uint8_t dlc, d0, d1; bool accepted;
     };
     const uint32_t std123 = (0x123u << 21) | 0xAA55;  // single: id 0x123, RTR 0, data AA 55
     const Row rows[] = {

@@ -1,15 +1,13 @@
 /* A plain C program on libvexlo, run by vexlo-sim with its fault options:
  *   unplug   under --unplug 0:1:3
  *   delay    under --answer-delay 0:2000:1
- *   busy     holds adapter 0 while a second process (this program as "held") fails to open it
  * Prints what went wrong and exits 1, or exits 0. */
 #include <stdio.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "vexlo_ext.h"
+#include "vexlo.h"
 
 static double g_t0;
 
@@ -56,23 +54,5 @@ int main(int argc, char** argv) {
     }
     if (argc == 2 && strcmp(argv[1], "delay") == 0) /* answered 2000 ms late, given up after 1000 */
         return !OpenAndStart(0.9) || StartFails(1.3, 0.9, 1.9) || VCI_CloseDevice(4, 0) != 1;
-    if (argc == 2 && strcmp(argv[1], "busy") == 0) {
-        int status = -1;
-        pid_t pid;
-        if (VCI_OpenDevice(4, 0, 0) != 1) return Fail("open", 0);
-        pid = fork();
-        if (pid == 0) {
-            execl(argv[0], argv[0], "held", (char*)NULL);
-            _exit(127);
-        }
-        if (pid < 0 || waitpid(pid, &status, 0) != pid) return Fail("second process", 0);
-        return VCI_CloseDevice(4, 0) == 1 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
-    }
-    if (argc == 2 && strcmp(argv[1], "held") == 0) { /* counted, but busy */
-        const char* why = NULL;
-        if (vexlo_count() != 1 || VCI_OpenDevice(4, 0, 0) != 0) return Fail("count or open", 0);
-        if (vexlo_open_error(&why) != VEXLO_OPEN_BUSY) return Fail(why, vexlo_open_error(NULL));
-        return 0;
-    }
-    return Fail("usage: sim_faults unplug | delay | busy", 0);
+    return Fail("usage: sim_faults unplug | delay", 0);
 }
