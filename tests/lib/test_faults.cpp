@@ -9,7 +9,9 @@
 #include <errno.h>
 #include <fnmatch.h>
 #include <libusb.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +20,7 @@
 #include <functional>
 
 #include "LibFixture.h"
+#include "vexlo_ext.h"
 
 // Failures below the library: libusb's context, a transfer record, the event thread.
 static std::atomic<int> g_fail_init(0), g_fail_alloc(0), g_fail_thread(0);
@@ -154,6 +157,42 @@ vs::Bytes Records(unsigned n, int bad = -1) {
     return msg;
 }
 
+// Channel 1's readiness descriptor, which nothing makes readable but the close, in an epoll set;
+// the events the set holds after the close. (A descriptor closed at once would have left the
+// set, and a waiter woken by it would find nothing.)
+unsigned CloseUnderEpoll(Dev&) {
+    epoll_event ev = {};
+    ev.events = EPOLLIN;
+    const int ep = epoll_create1(0);
+    EXPECT_EQ(epoll_ctl(ep, EPOLL_CTL_ADD, vexlo_receive_fd(0, 1), &ev), 0);
+    EXPECT_EQ(epoll_wait(ep, &ev, 1, 0), 0);
+    VCI_CloseDevice(kType, 0);
+    const int n = epoll_wait(ep, &ev, 1, 1000);
+    close(ep);
+    return static_cast<unsigned>(n);
+}
+
+// Unplugs with both channels' descriptors made and not readable; then how many turn readable.
+pollfd g_ready[2];
+void UnplugWatched(Dev& sim) {
+    g_ready[0] = {vexlo_receive_fd(0, 0), POLLIN, 0};
+    g_ready[1] = {vexlo_receive_fd(0, 1), POLLIN, 0};
+    EXPECT_EQ(poll(g_ready, 2, 0), 0);
+    EXPECT_TRUE(sim.Unplug());
+}
+unsigned UnplugSeen(Dev&) {
+    for (int i = 0; i < 20 && poll(g_ready, 2, 10) < 2;) ++i;
+    return static_cast<unsigned>(poll(g_ready, 2, 0));
+}
+
+// Plugged in again after the close, the adapter opens afresh.
+void Reopens(Dev& sim) {
+    EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+    ASSERT_TRUE(sim.Replug());
+    for (int i = 0; i < 100 && VCI_OpenDevice(kType, 0, 0) != 1; ++i) usleep(20000);
+    EXPECT_EQ(VCI_ResetCAN(kType, 0, 0), 1u);
+}
+
 std::function<void(Dev&)> Ack(vs::SimAckFault f, int code, int count = -1) {
     return [=](Dev& sim) { sim.SetAckFault(f, code, count); };
 }
@@ -252,13 +291,22 @@ const FaultRow kRows[] = {
      },
      [](Dev&) { return VCI_StartCAN(kType, 0, 0) + VCI_ReadBoardInfo(kType, 0, &g_info) + Tx(1); }, 0,
      {kStart + "Cmd failed", kTx + "Send failed"}, 0, 0,
-     [](Dev& sim) {  // close returns; plugged in again, the adapter opens afresh
-         EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
-         ASSERT_TRUE(sim.Replug());
-         for (int i = 0; i < 100 && VCI_OpenDevice(kType, 0, 0) != 1; ++i) usleep(20000);
-         EXPECT_EQ(VCI_ResetCAN(kType, 0, 0), 1u);
+     Reopens, true},
+    // Learned within one event-thread wait: both descriptors turn readable, and the extension
+    // calls say so.
+    {"unplug_notice_on_descriptors", true, UnplugWatched, UnplugSeen, 2, {}, 0, 150,
+     [](Dev& sim) {
+         VEXLO_FRAME f;
+         VEXLO_STATS st = {sizeof(st), 0, 0, 0, 0, 0, {}, 0};
+         EXPECT_EQ(vexlo_present(0), VEXLO_GONE);
+         EXPECT_EQ(vexlo_receive(0, 1, &f, 1, 5000), VEXLO_GONE);
+         EXPECT_TRUE(vexlo_get_stats(0, 1, &st) && st.unplugged == 1);
+         Reopens(sim);
+         EXPECT_EQ(vexlo_present(0), 1);
      },
      true},
+    // The descriptor is readable before it goes, and stays until the index is opened again.
+    {"close_wakes_epoll", true, Nothing, CloseUnderEpoll, 1, {}, 0, 900, OpensAgain},
     {"no_libusb_context", false, [](Dev&) { g_fail_init = 1; }, Open, 0,
      {"ERR static int CanDev::Init(): libusb_init failed: ret=-11", kOpen + "Open(0471:1200, 0) failed"}, 0, 0,
      OpensAgain},
