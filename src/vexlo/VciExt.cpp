@@ -166,6 +166,9 @@ extern "C" VEXLO_API int vexlo_receive(unsigned int DevIndex, unsigned int CANIn
 // A query, not a failure: a device that is not open is answered with -1 and no error line.
 extern "C" VEXLO_API int vexlo_present(unsigned int DevIndex) {
     CanDev* dev = CanDev::FindDevice(DevIndex);
-    if (!dev) return -1;
-    return dev->gone_.load() ? VEXLO_GONE : 1;
+    XDBG(XLOG_GENERAL, "+++ Card=%d\n", DevIndex);
+    int result = -1;
+    if (dev) result = dev->gone_.load() ? VEXLO_GONE : 1;
+    XDBG(XLOG_GENERAL, "--- ret=%d\n", result);
+    return result;
 }

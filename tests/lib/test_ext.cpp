@@ -83,12 +83,9 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     // vexlo_receive: the notices as error frames (class, details), in order among the frames: channel
     // 0's, then channel 1's notice from before the race, a frame, a notice, a frame. Once it has been
     // called, a notice alone makes the descriptor readable.
-    VCI_ClearBuffer(kType, 0, 1);
-    vs::SimFrame f;
-    f.id = 0x55;
-    Sim().InjectFrame(1, f);
+    Sim().InjectFrame(1, vs::SimFrame());
     Sim().InjectNotice(1, 0xE4, 7);
-    Sim().InjectFrame(1, f);
+    Sim().InjectFrame(1, vs::SimFrame());
     VEXLO_FRAME x[70];
     auto Take = [&](unsigned ch, unsigned n) {  // of each: flags, Id, Data[0], [1], [6], [7] as hex digits
         std::vector<unsigned long long> got;
@@ -101,7 +98,7 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     using V = std::vector<unsigned long long>;
     EXPECT_EQ(Take(0, 5), V({0x1'0004'000C'0000, 0x1'0204'0030'3322, 0x1'0002'1100'0000, 0x1'0004'0001'0000,
                              0x1'0088'0000'0000}));
-    EXPECT_EQ(Take(1, 4), V({0x1'0004'000C'0000, 0x0'0055'0000'0000, 0x1'0002'0700'0000, 0x0'0055'0000'0000}));
+    EXPECT_EQ(Take(1, 4), V({0x1'0004'000C'0000, 0, 0x1'0002'0700'0000, 0}));
     Sim().InjectNotice(1, 0xE5);
     EXPECT_TRUE(Readable(fd, 5000) && vexlo_receive(0, 1, x, 2, 0) == 1 && x[0].flags == 1 && !Readable(fd, 0));
 
@@ -109,8 +106,7 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     // model has seen a few hundred completions, and none is later than its receipt.
     Sim().SetCabled(false);
     Sim().StartGenerator(1, vs::SimGenConfig{1000, 0, 0, false, false, 0, true, 1000});
-    unsigned seen = 0, ahead = 0;
-    long long lo = 1LL << 62, hi = -lo;
+    long long seen = 0, ahead = 0, lo = 1LL << 62, hi = -lo;
     for (int r; seen < 1000 && (r = vexlo_receive(0, 1, x, 70, 2000)) > 0;) {
         const auto wall = std::chrono::system_clock::now().time_since_epoch() / std::chrono::microseconds(1);
         for (int i = 0; i < r; ++i, ++seen) {
@@ -120,8 +116,8 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
             if (seen >= 300) lo = std::min(lo, drift), hi = std::max(hi, drift);
         }
     }
-    EXPECT_EQ(seen, 1000u);
-    EXPECT_EQ(ahead, 0u);
+    EXPECT_EQ(seen, 1000);
+    EXPECT_EQ(ahead, 0);
     EXPECT_LE(hi - lo, 2000);
 
     // A generator fills channel 0's queue, which nobody reads: every frame is queued or lost.

@@ -152,8 +152,7 @@ vs::Bytes Records(unsigned n, int bad = -1) {
 // the events the set holds after the close. (A descriptor closed at once would have left the
 // set, and a waiter woken by it would find nothing.)
 unsigned CloseUnderEpoll(Dev&) {
-    epoll_event ev = {};
-    ev.events = EPOLLIN;
+    epoll_event ev = {EPOLLIN, {}};
     const int ep = epoll_create1(0);
     EXPECT_EQ(epoll_ctl(ep, EPOLL_CTL_ADD, vexlo_receive_fd(0, 1), &ev), 0);
     EXPECT_EQ(epoll_wait(ep, &ev, 1, 0), 0);
@@ -163,26 +162,7 @@ unsigned CloseUnderEpoll(Dev&) {
     return static_cast<unsigned>(n);
 }
 
-// Unplugs with both channels' descriptors made and not readable; then how many turn readable.
-pollfd g_ready[2];
-void UnplugWatched(Dev& sim) {
-    g_ready[0] = {vexlo_receive_fd(0, 0), POLLIN, 0};
-    g_ready[1] = {vexlo_receive_fd(0, 1), POLLIN, 0};
-    EXPECT_EQ(poll(g_ready, 2, 0), 0);
-    EXPECT_TRUE(sim.Unplug());
-}
-unsigned UnplugSeen(Dev&) {
-    for (int i = 0; i < 20 && poll(g_ready, 2, 10) < 2;) ++i;
-    return static_cast<unsigned>(poll(g_ready, 2, 0));
-}
-
-// Plugged in again after the close, the adapter opens afresh.
-void Reopens(Dev& sim) {
-    EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
-    ASSERT_TRUE(sim.Replug());
-    for (int i = 0; i < 100 && VCI_OpenDevice(kType, 0, 0) != 1; ++i) usleep(20000);
-    EXPECT_EQ(VCI_ResetCAN(kType, 0, 0), 1u);
-}
+pollfd g_ready;  // a readiness descriptor to watch
 
 std::function<void(Dev&)> Ack(vs::SimAckFault f, int code, int count = -1) {
     return [=](Dev& sim) { sim.SetAckFault(f, code, count); };
@@ -273,27 +253,34 @@ const FaultRow kRows[] = {
      }},
     {"invalid_channel", true, Raw({Records(3, 1)}), Drain, 1,  // the record before it is queued, the rest dropped
      {"ERR " + kRecv + "invalid channel: channel=2"}, 0, 0, Nothing},
+    // Unplugged under traffic: the idle channel's descriptor turns readable within one event-thread
+    // wait; the calls fail, the extension calls say so (the busy channel hands out its frames
+    // first); plugged in again after the close, the adapter opens afresh.
     {"unplug_during_traffic", true,
      [](Dev& sim) {
+         g_ready = {vexlo_receive_fd(0, 0), POLLIN, 0};
+         EXPECT_EQ(poll(&g_ready, 1, 0), 0);
          vs::SimGenConfig gen;
          gen.rate = 2000;
          sim.StartGenerator(1, gen);
          usleep(20000);
          ASSERT_TRUE(sim.Unplug());
      },
-     [](Dev&) { return VCI_StartCAN(kType, 0, 0) + VCI_ReadBoardInfo(kType, 0, &g_info) + Tx(1); }, 0,
-     {kStart + "Cmd failed", kTx + "Send failed"}, 0, 0,
-     Reopens, true},
-    // Learned within one event-thread wait: both descriptors turn readable, and the extension
-    // calls say so.
-    {"unplug_notice_on_descriptors", true, UnplugWatched, UnplugSeen, 2, {}, 0, 150,
+     [](Dev&) { return static_cast<unsigned>(poll(&g_ready, 1, 200)); }, 1,
+     {kStart + "Cmd failed", kTx + "Send failed"}, 0, 150,
      [](Dev& sim) {
-         VEXLO_FRAME f;
+         VEXLO_FRAME x[70];
          VEXLO_STATS st = {sizeof(st), 0, 0, 0, 0, 0, {}, 0};
+         EXPECT_EQ(VCI_StartCAN(kType, 0, 0) + VCI_ReadBoardInfo(kType, 0, &g_info) + Tx(1), 0u);
          EXPECT_EQ(vexlo_present(0), VEXLO_GONE);
-         EXPECT_EQ(vexlo_receive(0, 1, &f, 1, 5000), VEXLO_GONE);
+         int r = 1;
+         while (r > 0) r = vexlo_receive(0, 1, x, 70, 5000);
+         EXPECT_EQ(r, VEXLO_GONE);
          EXPECT_TRUE(vexlo_get_stats(0, 1, &st) && st.unplugged == 1);
-         Reopens(sim);
+         EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
+         ASSERT_TRUE(sim.Replug());
+         for (int i = 0; i < 100 && VCI_OpenDevice(kType, 0, 0) != 1; ++i) usleep(20000);
+         EXPECT_EQ(VCI_ResetCAN(kType, 0, 0), 1u);
          EXPECT_EQ(vexlo_present(0), 1);
      },
      true},
