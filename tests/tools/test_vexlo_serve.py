@@ -44,6 +44,7 @@ class Server:
         """A plain socket; with a channel, opened and switched to `mode` (answers checked)."""
         s = socket.create_connection(("127.0.0.1", self.port))
         s.settimeout(5)
+        REST.pop(id(s), None)  # a closed socket's leftovers
         assert read_until(s, 1) == ["< hi >"]
         if channel:
             s.sendall(f"< open {channel} >< {mode} >".encode())
