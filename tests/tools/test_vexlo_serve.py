@@ -27,11 +27,11 @@ class Server:
         threading.Thread(target=lambda: self.lines.extend(self.proc.stderr), daemon=True).start()
         self.wait_line("serving adapter 0")
 
-    def wait_line(self, text, timeout=20):
+    def wait_line(self, text, timeout=20, count=1):
         end = time.time() + timeout
         while time.time() < end:
             found = [l for l in self.lines if text in l]
-            if found:
+            if len(found) >= count:
                 return found[0]
             assert self.proc.poll() is None, "".join(self.lines)
             time.sleep(0.05)
@@ -209,6 +209,7 @@ def test_a_slow_client_loses_frames_alone(server_factory):
     slow.close()
     fast.close()
     srv.wait_line("reads too slowly: frames dropped")
+    srv.wait_line("disconnected", count=2)
     dropped = [int(m) for m in re.findall(r"can1, (\d+) frames dropped", "".join(srv.lines))]
     assert len(dropped) == 2 and dropped[0] > 1000 and dropped[1] == 0  # the slow one closed first
 
