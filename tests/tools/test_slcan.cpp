@@ -24,14 +24,18 @@ public:
         calls_ += text;
         return true;
     }
-    bool Send(const CAN_OBJ& frame) override {
+    SendResult Send(const CAN_OBJ& frame) override {
+        if (busy_) return kBusy;
         calls_ += "send " + FormatFrame(frame) + " ";
+        return kSent;
+    }
+    bool SetOpen(bool open) override {
+        calls_ += open ? "open " : "closed ";
         return true;
     }
-    void SetOpen(bool open) override { calls_ += open ? "open " : "closed "; }
 
     CAN_INIT init_{0, 0xFFFFFFFF, 0, 1, 0x00, 0x1C, 0};
-    bool shared_ = false;
+    bool shared_ = false, busy_ = false;
     std::string calls_;
 };
 
@@ -91,4 +95,12 @@ TEST(Slcan, session_answers_and_reaches_the_channel) {
         session.Received(f, &out);
     session.Input("F\rF\r", 4, &out);
     EXPECT_EQ(out, "t1232A0A104D2\rT1ABCDEF08A0A1A2A3A4A5A6A704D2\rr7FF304D2\rF60\rF00\r");
+    // A busy channel holds the frame and the commands after it until Resume.
+    port.busy_ = true;
+    out.clear();
+    session.Input("t1230\rV\r", 8, &out);
+    EXPECT_TRUE(out.empty() && session.waiting());
+    port.busy_ = false;
+    session.Resume(&out);
+    EXPECT_EQ(out, "z\rV2131\r");
 }

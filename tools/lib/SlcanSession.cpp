@@ -25,9 +25,16 @@ bool SameTiming(const CAN_INIT& a, const CAN_INIT& b) {
 }  // namespace
 
 void XSlcanSession::Input(const char* data, size_t len, std::string* out) {
-    commands_.clear();
     splitter_.Feed(data, len, &commands_);
-    for (const SlcanCommand& c : commands_) Run(c, out);
+    Resume(out);
+}
+
+void XSlcanSession::Resume(std::string* out) {
+    while (next_ < commands_.size() && Run(commands_[next_], out)) ++next_;
+    if (next_ == commands_.size()) {
+        commands_.clear();
+        next_ = 0;
+    }
 }
 
 void XSlcanSession::Received(const VEXLO_FRAME& frame, std::string* out) {
@@ -52,7 +59,7 @@ bool XSlcanSession::Reconfigure(const CAN_INIT& init) {
     return port_->Configure(init);
 }
 
-void XSlcanSession::Run(const SlcanCommand& c, std::string* out) {
+bool XSlcanSession::Run(const SlcanCommand& c, std::string* out) {
     bool ok = true;
     CAN_INIT init = port_->Config();
     switch (c.kind) {
@@ -60,8 +67,8 @@ void XSlcanSession::Run(const SlcanCommand& c, std::string* out) {
         break;
     case SlcanCommand::kOpen:
     case SlcanCommand::kListen:
-        if (!open_) port_->SetOpen(true);
-        open_ = true;
+        ok = open_ || port_->SetOpen(true);
+        open_ = ok;
         listen_only_ = c.kind == SlcanCommand::kListen;
         break;
     case SlcanCommand::kClose:
@@ -83,10 +90,13 @@ void XSlcanSession::Run(const SlcanCommand& c, std::string* out) {
         init.FilterMode = 0;
         ok = Reconfigure(init);
         break;
-    case SlcanCommand::kFrame:
-        ok = open_ && !listen_only_ && port_->Send(c.frame);
+    case SlcanCommand::kFrame: {
+        XSlcanPort::SendResult sent = open_ && !listen_only_ ? port_->Send(c.frame) : XSlcanPort::kRefused;
+        if (sent == XSlcanPort::kBusy) return false;
+        ok = sent == XSlcanPort::kSent;
         if (ok) *out += c.frame.ExtendedFrame ? "Z" : "z";
         break;
+    }
     case SlcanCommand::kStatus: {
         char text[4] = {'F', kHex[flags_ >> 4 & 0xF], kHex[flags_ & 0xF], 0};
         *out += text;
@@ -119,6 +129,7 @@ void XSlcanSession::Run(const SlcanCommand& c, std::string* out) {
         break;
     }
     *out += ok ? kOk : kError;
+    return true;
 }
 
 }  // namespace vexlo_tool
