@@ -27,6 +27,13 @@ void LibraryLine(void*, int, const char* line) {
 
 XHub::XHub(XLoop* loop, const XHubOptions& options) : loop_(loop), options_(options), tx_(kTxQueue) {
     buf_.resize(kBatch);
+    for (CAN_INIT& init : config_) {
+        std::memset(&init, 0, sizeof(init));
+        init.AcceptMask = 0xFFFFFFFF;
+        init.BusTiming0 = options_.btr0;
+        init.BusTiming1 = options_.btr1;
+        init.ListenOnly = options_.listen_only ? 1 : 0;
+    }
 }
 
 bool XHub::Start(std::string* why) {
@@ -62,13 +69,7 @@ bool XHub::OpenAdapter(std::string* why) {
         return false;
     }
     for (unsigned ch = 0; ch < kBuses; ++ch) {
-        CAN_INIT init;
-        std::memset(&init, 0, sizeof(init));
-        init.AcceptMask = 0xFFFFFFFF;
-        init.BusTiming0 = options_.btr0;
-        init.BusTiming1 = options_.btr1;
-        init.ListenOnly = options_.listen_only ? 1 : 0;
-        if (!VCI_InitCAN(kDevType, options_.dev, ch, &init) || !VCI_StartCAN(kDevType, options_.dev, ch) ||
+        if (!VCI_InitCAN(kDevType, options_.dev, ch, &config_[ch]) || !VCI_StartCAN(kDevType, options_.dev, ch) ||
             (fds_[ch] = vexlo_receive_fd(options_.dev, ch)) < 0) {
             *why = "cannot start channel " + std::to_string(ch);
             VCI_CloseDevice(kDevType, options_.dev);
@@ -107,6 +108,27 @@ void XHub::CloseAdapter(bool unplugged) {
         g_quiet = false;
         closed_ = true;
     });
+}
+
+bool XHub::Configure(XHubClient* client, unsigned bus, const CAN_INIT& init) {
+    if (!open_ || bus >= kBuses) return false;
+    for (XHubClient* c : order_[bus])
+        if (c != client) return false;
+    // No transmission may run while the channel restarts.
+    tx_.Pause();
+    CAN_INIT wanted = init;
+    wanted.ListenOnly = config_[bus].ListenOnly;
+    VCI_ResetCAN(kDevType, options_.dev, bus);
+    bool ok = VCI_InitCAN(kDevType, options_.dev, bus, &wanted) && VCI_StartCAN(kDevType, options_.dev, bus);
+    if (ok) {
+        config_[bus] = wanted;
+    } else {
+        VCI_ResetCAN(kDevType, options_.dev, bus);
+        VCI_InitCAN(kDevType, options_.dev, bus, &config_[bus]);
+        VCI_StartCAN(kDevType, options_.dev, bus);
+    }
+    tx_.Resume(options_.dev);
+    return ok;
 }
 
 bool XHub::Join(XHubClient* client, unsigned bus) {

@@ -74,6 +74,12 @@ public:
     void Leave(XHubClient* client);
     SendResult Send(XHubClient* client, const CAN_OBJ& frame);
     const XBusCounters& counters(unsigned bus) const { return counters_[bus]; }
+    // The bus's channel configuration: as the options start it, or as Configure last set it.
+    const CAN_INIT& Config(unsigned bus) const { return config_[bus]; }
+    // Restarts the bus's channel with `init` for every client, also after the adapter comes
+    // back; only while no client other than `client` has joined the bus. False when another has,
+    // or when the adapter refuses it (the channel then restarts with its previous configuration).
+    bool Configure(XHubClient* client, unsigned bus, const CAN_INIT& init);
     unsigned dev() const { return options_.dev; }
 
 private:
@@ -103,6 +109,7 @@ private:
     std::unordered_map<XHubClient*, Member> members_;
     std::vector<XHubClient*> order_[kBuses];  // members of each bus, in the order they joined
     XBusCounters counters_[kBuses];
+    CAN_INIT config_[kBuses];
     std::vector<VEXLO_FRAME> buf_;
     std::vector<XTransmitter::Result> results_;
     std::thread closer_;
