@@ -9,6 +9,7 @@
 
 #include "Adapter.h"
 #include "Commands.h"
+#include "Serve.h"
 
 using namespace vexlo_tool;
 
@@ -25,6 +26,7 @@ const char kUsage[] =
     "  gen [OPTIONS] CH        generate frames\n"
     "  play [OPTIONS] FILE     replay a candump log\n"
     "  stat [OPTIONS] CH       a channel's controller status and counters\n"
+    "  serve [OPTIONS]         share the adapter over the network (socketcand protocol)\n"
     "\n"
     "'vexlo COMMAND --help' describes a command's options. --version prints the version.\n";
 
@@ -33,7 +35,8 @@ struct Command {
     int (*run)(int, char**);
 };
 const Command kCommands[] = {{"list", RunList}, {"info", RunInfo}, {"dump", RunDump}, {"send", RunSend},
-                             {"gen", RunGen},   {"play", RunPlay}, {"stat", RunStat}};
+                             {"gen", RunGen},   {"play", RunPlay}, {"stat", RunStat},
+                             {"serve", [](int argc, char** argv) { return RunServe(argc, argv, Out()); }}};
 
 }  // namespace
 
