@@ -339,8 +339,9 @@ TEST_P(FaultTest, Row) {
     }
     const int fds = Fds();
     if (row.opens) OpenAndStart();
-    row.inject(Sim());
+    // Captured before the fault: an injected message may be decoded before the call is made.
     Capture();
+    row.inject(Sim());
     const int held = row.opens ? 0 : Fds();  // the capture holds a descriptor of its own
     uint64_t t0 = vs::SimTestbed::Now();
     EXPECT_EQ(row.call(Sim()), row.result);
