@@ -102,12 +102,16 @@ bool XAdapter::WaitSent(unsigned channel) {
 
 void XAdapter::Close() {
     if (!open_) return;
-    // An unplugged adapter answers nothing: resetting its channels would only wait for that.
-    bool here = !gone_ && vexlo_present(common_.dev) != VEXLO_GONE;
-    for (unsigned ch = 0; ch < 2; ++ch)
-        if (started_[ch] && here) VCI_ResetCAN(kDevType, common_.dev, ch);
-    VCI_CloseDevice(kDevType, common_.dev);
     open_ = false;
+    // An unplugged adapter answers nothing: closing it would wait seconds for each channel's
+    // reset to time out. The process ends without closing it instead; the system frees it.
+    if (gone_ || vexlo_present(common_.dev) == VEXLO_GONE) {
+        EndWithoutCleanup();
+        return;
+    }
+    for (unsigned ch = 0; ch < 2; ++ch)
+        if (started_[ch]) VCI_ResetCAN(kDevType, common_.dev, ch);
+    VCI_CloseDevice(kDevType, common_.dev);
 }
 
 }  // namespace vexlo_tool

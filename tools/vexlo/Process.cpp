@@ -19,6 +19,7 @@ namespace {
 volatile sig_atomic_t g_stop = 0;
 int g_stop_pipe[2] = {-1, -1};
 bool g_out_failed = false;
+bool g_no_cleanup = false;
 
 void OnStopSignal(int sig) {
     // The first signal asks the command to finish; a second one ends it without waiting.
@@ -97,6 +98,9 @@ bool FlushOut(bool reader_gone) {
     Complain("cannot write the output: %s", std::strerror(errno ? errno : EIO));
     return false;
 }
+
+void EndWithoutCleanup() { g_no_cleanup = true; }
+bool EndingWithoutCleanup() { return g_no_cleanup; }
 
 bool Stopping() { return g_stop != 0; }
 int StopFd() { return g_stop_pipe[0]; }

@@ -32,4 +32,9 @@ int StopFd();
 
 uint64_t MonoUs();
 
+// The process is to end at once when the subcommand returns, without the library's clean-up (an
+// unplugged adapter is left open: closing it would take seconds); EndingWithoutCleanup tells main.
+void EndWithoutCleanup();
+bool EndingWithoutCleanup();
+
 }  // namespace vexlo_tool
