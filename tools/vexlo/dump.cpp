@@ -123,6 +123,10 @@ bool XDump::Take(XAdapter* adapter, Channel* c) {
         adapter->MarkGone();
         return false;
     }
+    if (got < 0) {
+        Complain("cannot receive on channel %u", c->ch);
+        return false;
+    }
     for (int k = 0; k < got && (count_ == 0 || total_ < count_); ++k) {
         if (buf[k].flags & VEXLO_FRAME_ERROR) {
             if (errors_) Write(*c, buf[k]);
@@ -146,10 +150,8 @@ int XDump::Run() {
         if (!adapter.Start(c.ch, c.filters, &c.exact)) return kExitFail;
         c.fd = vexlo_receive_fd(common_.dev, c.ch);
         // A first take also lets notices wake the descriptor.
-        if (c.fd < 0 || !Take(&adapter, &c)) {
-            if (adapter.Present()) Complain("cannot receive on channel %u", c.ch);
-            return kExitFail;
-        }
+        if (c.fd < 0) Complain("cannot receive on channel %u", c.ch);
+        if (c.fd < 0 || !Take(&adapter, &c)) return kExitFail;
     }
     uint64_t deadline = seconds_ > 0 ? MonoUs() + static_cast<uint64_t>(seconds_ * 1e6) : 0;
     bool ok = true;
