@@ -107,6 +107,9 @@ public:
     static XLock cmdlck_;
     static XLock fifolck_;
     static bool usbinit_;
+    // Why this thread's last open failed: one of VEXLO_OPEN_* (vexlo_ext.h), set by Open and by
+    // VCI_OpenDevice and read by vexlo_open_error.
+    static thread_local int openerr_;
 
 private:
     // The steps of every exchange on the command IN endpoint. PostOut locks `out`, forgets the
