@@ -42,6 +42,10 @@ const char kUsage[] =
     "  --beacon ADDR[:PORT]  send the discovery beacon there (default port 42000) instead of\n"
     "                        broadcasting it on the networks listened on (none on loopback alone)\n"
     "  --no-beacon           no beacon\n"
+    "  --slcan LINK=CH       serve channel CH (0 or 1) as a serial-line CAN (Lawicel, SLCAN) line on a\n"
+    "                        pseudo-terminal reached through the link LINK (e.g. /tmp/ttyVEXLO0);\n"
+    "                        repeatable\n"
+    "  --slcan-tcp [ADDR:]PORT=CH  the same on a TCP port (default address 127.0.0.1); repeatable\n"
     "  -h, --help            this text\n"
     "  --version             the version\n";
 
@@ -69,7 +73,7 @@ bool BusNames(const std::string& text, std::vector<std::string>* names) {
 }  // namespace
 
 int RunServe(int argc, char** argv, FILE* out) {
-    enum { kBtr = 256, kListenOnly, kListen, kBusNames, kAllow, kMaxClients, kBeacon, kNoBeacon, kVersion };
+    enum { kBtr = 256, kListenOnly, kListen, kBusNames, kAllow, kMaxClients, kBeacon, kNoBeacon, kVersion, kSlcan, kSlcanTcp };
     static const option kOptions[] = {{"btr", required_argument, nullptr, kBtr},
                                       {"listen-only", no_argument, nullptr, kListenOnly},
                                       {"listen", required_argument, nullptr, kListen},
@@ -78,6 +82,8 @@ int RunServe(int argc, char** argv, FILE* out) {
                                       {"max-clients", required_argument, nullptr, kMaxClients},
                                       {"beacon", required_argument, nullptr, kBeacon},
                                       {"no-beacon", no_argument, nullptr, kNoBeacon},
+                                      {"slcan", required_argument, nullptr, kSlcan},
+                                      {"slcan-tcp", required_argument, nullptr, kSlcanTcp},
                                       {"help", no_argument, nullptr, 'h'},
                                       {"version", no_argument, nullptr, kVersion},
                                       {nullptr, 0, nullptr, 0}};
@@ -148,6 +154,15 @@ int RunServe(int argc, char** argv, FILE* out) {
         case kNoBeacon:
             o.beacon_off = true;
             break;
+        case kSlcan:
+        case kSlcanTcp: {
+            std::string where;
+            unsigned bus = 0;
+            if (!vexlo_serve::ParseSlcanOption(arg, &where, &bus))
+                return Complain("bad serial line '" + arg + "' (" + (c == kSlcan ? "LINK" : "[ADDR:]PORT") + "=CH, CH 0 or 1)"), 2;
+            (c == kSlcan ? o.slcan : o.slcan_tcp).emplace_back(where, bus);
+            break;
+        }
         case 'h':
             std::fputs(kUsage, out);
             return 0;

@@ -86,7 +86,7 @@ public:
     XSlcanTcp(XLoop* loop, XHub* hub, unsigned bus, const std::string& address)
         : loop_(loop), bus_(bus), address_(address), line_(loop, hub, bus, "serial line tcp " + address) {}
     ~XSlcanTcp();
-    // Listens on address ("PORT", "HOST:PORT", "[V6]:PORT"; loopback when no host is given).
+    // Listens on address ("PORT", or "ADDR:PORT" as --listen takes it; 127.0.0.1 when only a port).
     bool Start(std::string* why);
 
 private:
