@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Fuzzes with libFuzzer (clang; the code under test is coverage-instrumented too) under the address
-# and undefined-behaviour sanitizers: the reception path (fuzz_recv, corpus fuzz/corpus) and the
-# serial-line CAN session (fuzz_slcan, corpus fuzz/corpus_slcan). Each committed corpus is replayed
+# and undefined-behaviour sanitizers: the reception path (fuzz_recv, corpus fuzz/corpus), the
+# serial-line CAN session (fuzz_slcan, corpus fuzz/corpus_slcan) and the server's socketcand
+# commands (fuzz_serve, corpus fuzz/corpus_serve). Each committed corpus is replayed
 # first. Arguments go to libFuzzer; default: 10 million runs of each target, new inputs kept in
-# build-fuzz/. A -max_total_time is shared out: the reception path gets three quarters of it. Any
+# build-fuzz/. A -max_total_time is shared out: the reception path gets 60%, the others 20% each. Any
 # finding fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -13,7 +14,7 @@ for p in clang libclang-rt-14-dev; do
 done
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DVEXLO_FUZZ=ON -DVEXLO_SIM=OFF -DVEXLO_BENCH=OFF \
   -DVEXLO_TESTS=OFF -DVEXLO_SANITIZE=address,undefined,fuzzer-no-link -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build-fuzz -j2 --target fuzz_recv fuzz_slcan
+cmake --build build-fuzz -j2 --target fuzz_recv fuzz_slcan fuzz_serve
 [ $# -gt 0 ] || set -- -runs=10000000
 # run TARGET CORPUS SHARE: replays the committed corpus, each input once on its own (a finding there
 # fails before any fuzzing), then fuzzes with the arguments, a -max_total_time cut to SHARE percent.
@@ -29,5 +30,6 @@ run() {
   build-fuzz/fuzz/$target build-fuzz/$(basename "$corpus") "$corpus" "${args[@]}"
 }
 ARGS=("$@")
-run fuzz_recv fuzz/corpus 75
-run fuzz_slcan fuzz/corpus_slcan 25
+run fuzz_recv fuzz/corpus 60
+run fuzz_slcan fuzz/corpus_slcan 20
+run fuzz_serve fuzz/corpus_serve 20

@@ -55,7 +55,8 @@ void XHub::Stop() {
     loop_->Cancel(tick_);
     members_.clear();
     for (auto& o : order_) o.clear();
-    CloseAdapter(true);
+    CloseAdapter(false);
+    if (closer_.joinable()) closer_.join();
     loop_->Forget(tx_.Fd());
     tx_.Stop();
 }
@@ -71,7 +72,6 @@ bool XHub::OpenAdapter(std::string* why) {
         if (!VCI_InitCAN(kDevType, options_.dev, ch, &config_[ch]) || !VCI_StartCAN(kDevType, options_.dev, ch) ||
             (fds_[ch] = vexlo_receive_fd(options_.dev, ch)) < 0) {
             *why = "cannot start channel " + std::to_string(ch);
-            for (unsigned c = 0; c <= ch; ++c) VCI_ResetCAN(kDevType, options_.dev, c);
             VCI_CloseDevice(kDevType, options_.dev);
             fds_[0] = fds_[1] = -1;
             return false;
@@ -83,7 +83,7 @@ bool XHub::OpenAdapter(std::string* why) {
     return true;
 }
 
-void XHub::CloseAdapter(bool reset) {
+void XHub::CloseAdapter(bool unplugged) {
     if (!open_) return;
     open_ = false;
     // No transmission may run while the adapter closes; frames still waiting are refused.
@@ -92,9 +92,22 @@ void XHub::CloseAdapter(bool reset) {
     for (unsigned ch = 0; ch < kBuses; ++ch) {
         loop_->Forget(fds_[ch]);
         fds_[ch] = -1;
-        if (reset) VCI_ResetCAN(kDevType, options_.dev, ch);
     }
-    VCI_CloseDevice(kDevType, options_.dev);
+    // Closing resets both channels first; an unplugged adapter answers none of it, which takes
+    // seconds: the clients must not wait for that.
+    closed_ = false;
+    unsigned dev = options_.dev;
+    if (!unplugged) {
+        VCI_CloseDevice(kDevType, dev);
+        closed_ = true;
+        return;
+    }
+    closer_ = std::thread([this, dev] {
+        g_quiet = true;
+        VCI_CloseDevice(kDevType, dev);
+        g_quiet = false;
+        closed_ = true;
+    });
 }
 
 bool XHub::Configure(XHubClient* client, unsigned bus, const CAN_INIT& init) {
@@ -205,7 +218,7 @@ void XHub::Results() {
 void XHub::Gone() {
     if (!open_) return;
     std::fprintf(stderr, "vexlo: adapter %u was unplugged: clients closed, opening it again every second\n", options_.dev);
-    CloseAdapter(false);
+    CloseAdapter(true);
     Results();  // the frames refused by the close go to their senders first
     std::vector<XHubClient*> clients;
     for (auto& m : members_) {
@@ -224,6 +237,8 @@ void XHub::Tick() {
         if (vexlo_present(options_.dev) == VEXLO_GONE) Gone();
         return;
     }
+    if (!closed_) return;
+    if (closer_.joinable()) closer_.join();
     std::string why;
     g_quiet = true;
     bool ok = OpenAdapter(&why);

@@ -21,8 +21,10 @@
 //   Until then Join returns false. Stop() removes every client without a callback.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -87,7 +89,9 @@ private:
         bool full = false;  // Send said kFull: OnRoom is owed
     };
     bool OpenAdapter(std::string* why);
-    void CloseAdapter(bool reset);
+    // Stops reception and transmission; closes the adapter here, or on a thread of its own when
+    // it was unplugged (the close then waits for answers that never come).
+    void CloseAdapter(bool unplugged);
     void Receive(unsigned bus);
     void Results();
     void Deliver(unsigned bus, const VEXLO_FRAME* frames, unsigned count, XHubClient* except);
@@ -108,6 +112,8 @@ private:
     CAN_INIT config_[kBuses];
     std::vector<VEXLO_FRAME> buf_;
     std::vector<XTransmitter::Result> results_;
+    std::thread closer_;
+    std::atomic<bool> closed_{true};  // the closer has finished
 };
 
 }  // namespace vexlo_serve

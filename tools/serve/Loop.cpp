@@ -81,14 +81,14 @@ void XLoop::Cancel(uint64_t id) {
 
 void XLoop::ArmTimer() {
     while (!due_.empty() && !timers_.count(due_.begin()->second)) due_.erase(due_.begin());
-    uint64_t when = due_.empty() ? 0 : due_.begin()->first;
+    // 0 means "not armed": a task due at time 0 is armed for 1.
+    uint64_t when = due_.empty() ? 0 : due_.begin()->first ? due_.begin()->first : 1;
     if (when == armed_) return;
     armed_ = when;
     itimerspec its{};
     if (when) {
         its.it_value.tv_sec = static_cast<time_t>(when / 1000000);
         its.it_value.tv_nsec = static_cast<long>(when % 1000000) * 1000;
-        if (!its.it_value.tv_sec && !its.it_value.tv_nsec) its.it_value.tv_nsec = 1;
     }
     timerfd_settime(timer_, TFD_TIMER_ABSTIME, &its, nullptr);
 }

@@ -15,6 +15,10 @@
 
 namespace vexlo_serve {
 
+namespace {
+const int kSocketBuffer = 64 * 1024;
+}  // namespace
+
 XServer::~XServer() {
     conns_.clear();
     for (int l : listeners_) {
@@ -93,6 +97,10 @@ void XServer::Accept(int listener) {
         }
         int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        // A fixed send buffer: the kernel's share of a slow client's backlog stays small too
+        // (it would grow to megabytes by itself).
+        int sndbuf = kSocketBuffer;
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof(sndbuf));
         ++live_;
         auto conn = std::make_unique<XConnection>(&loop_, &hub_, &options_.bus_names, fd, who, [this](XConnection* c) {
             --live_;
