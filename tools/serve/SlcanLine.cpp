@@ -103,7 +103,10 @@ void XSlcanLine::Events(uint32_t events) {
 }
 
 void XSlcanLine::Flush(const std::string& text, bool frame) {
-    if (text.empty() || out_.Append(text)) return;
+    if (text.empty()) return;
+    bool fits = frame ? out_.Append(text) : out_.size() + text.size() <= kOutLimit + kReplyRoom;
+    if (fits && !frame) out_.Force(text);
+    if (fits) return;
     ++dropped_;
     if (frame) session_.Lost();
 }
