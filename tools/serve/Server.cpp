@@ -136,6 +136,14 @@ int XServer::Run() {
         std::fprintf(stderr, "vexlo: cannot open adapter %u: %s\n", options_.hub.dev, why.c_str());
         return 1;
     }
+    for (const auto& line : options_.slcan) {
+        slcan_ptys_.push_back(std::make_unique<XSlcanPty>(&loop_, &hub_, line.second, line.first));
+        if (!slcan_ptys_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
+    }
+    for (const auto& line : options_.slcan_tcp) {
+        slcan_ports_.push_back(std::make_unique<XSlcanTcp>(&loop_, &hub_, line.second, line.first));
+        if (!slcan_ports_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
+    }
     std::string where;
     for (const std::string& spec : options_.listen) where += (where.empty() ? "" : ", ") + spec;
     std::fprintf(stderr, "vexlo: serving adapter %u as %s and %s on %s\n", options_.hub.dev,
@@ -148,6 +156,8 @@ int XServer::Run() {
     std::fprintf(stderr, "vexlo: stopping: %zu clients closed\n", live_);
     beacon_.Stop();
     conns_.clear();
+    slcan_ptys_.clear();
+    slcan_ports_.clear();
     hub_.Stop();
     return status;
 }

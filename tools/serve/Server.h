@@ -13,6 +13,7 @@
 #include "Connection.h"
 #include "Hub.h"
 #include "Loop.h"
+#include "SlcanLine.h"
 
 namespace vexlo_serve {
 
@@ -25,6 +26,7 @@ struct XServeOptions {
     bool beacon_to = false;                                // --beacon: beacon_target
     sockaddr_in beacon_target{};
     bool beacon_off = false;
+    std::vector<std::pair<std::string, unsigned>> slcan, slcan_tcp;  // serial lines: LINK or ADDR:PORT, bus
 };
 
 class XServer {
@@ -48,6 +50,8 @@ private:
     size_t live_ = 0;  // connections not yet closing
     int signals_ = -1;
     uint64_t resume_accept_ = 0;
+    std::vector<std::unique_ptr<XSlcanPty>> slcan_ptys_;
+    std::vector<std::unique_ptr<XSlcanTcp>> slcan_ports_;
 };
 
 }  // namespace vexlo_serve

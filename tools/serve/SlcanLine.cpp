@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Address.h"
+
 namespace vexlo_serve {
 
 namespace {
@@ -101,7 +103,10 @@ void XSlcanLine::Events(uint32_t events) {
 }
 
 void XSlcanLine::Flush(const std::string& text, bool frame) {
-    if (text.empty() || out_.Append(text)) return;
+    if (text.empty()) return;
+    bool fits = frame ? out_.Append(text) : out_.size() + text.size() <= kOutLimit + kReplyRoom;
+    if (fits && !frame) out_.Force(text);
+    if (fits) return;
     ++dropped_;
     if (frame) session_.Lost();
 }
@@ -203,19 +208,15 @@ XSlcanTcp::~XSlcanTcp() {
 }
 
 bool XSlcanTcp::Start(std::string* why) {
-    std::string host = "127.0.0.1", port = address_;
-    size_t colon = address_.rfind(':');
-    if (colon != std::string::npos) {
-        host = address_.substr(0, colon);
-        port = address_.substr(colon + 1);
-        if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-    }
+    std::string spec = address_.find(':') == std::string::npos ? "127.0.0.1:" + address_ : address_, host;
+    unsigned port = 0;
+    if (!ParseHostPort(spec, 0, &host, &port, why)) return false;
     addrinfo hints{}, *found = nullptr;
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV | AI_PASSIVE;
-    int rc = getaddrinfo(host.empty() ? nullptr : host.c_str(), port.c_str(), &hints, &found);
-    if (rc != 0) {
-        *why = "bad address '" + address_ + "': " + gai_strerror(rc);
+    hints.ai_flags = AI_PASSIVE;
+    int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (rc != 0 || !found) {
+        *why = "cannot listen on " + spec + ": " + gai_strerror(rc);
         return false;
     }
     listen_ = socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -224,11 +225,11 @@ bool XSlcanTcp::Start(std::string* why) {
     bool ok = listen_ >= 0 && bind(listen_, found->ai_addr, found->ai_addrlen) == 0 && listen(listen_, 4) == 0;
     freeaddrinfo(found);
     if (!ok) {
-        *why = "cannot listen on " + address_ + ": " + std::strerror(errno);
+        *why = "cannot listen on " + spec + ": " + std::strerror(errno);
         return false;
     }
     loop_->Watch(listen_, EPOLLIN, [this](uint32_t) { Accept(); });
-    std::fprintf(stderr, "vexlo: can%u as a serial line on tcp %s\n", bus_, address_.c_str());
+    std::fprintf(stderr, "vexlo: can%u as a serial line on tcp %s\n", bus_, spec.c_str());
     return true;
 }
 

@@ -19,8 +19,11 @@ namespace vexlo_serve {
 // the frames of the bus's other clients and they see its frames.
 class XSlcanLine : public XHubClient, public vexlo_tool::XSlcanPort {
 public:
-    // Output held for a client that reads too slowly; frames beyond it are dropped and counted.
+    // Output held for a client that reads too slowly: frames beyond kOutLimit are dropped and
+    // counted; replies may use kReplyRoom more, so that a client gets the answers to its commands
+    // (and the flag of the frames it lost) after the frames it was too slow to take.
     static const size_t kOutLimit = 64 * 1024;
+    static const size_t kReplyRoom = 16 * 1024;
 
     XSlcanLine(XLoop* loop, XHub* hub, unsigned bus, const std::string& name);
     ~XSlcanLine() override { Detach(); }
@@ -86,7 +89,7 @@ public:
     XSlcanTcp(XLoop* loop, XHub* hub, unsigned bus, const std::string& address)
         : loop_(loop), bus_(bus), address_(address), line_(loop, hub, bus, "serial line tcp " + address) {}
     ~XSlcanTcp();
-    // Listens on address ("PORT", "HOST:PORT", "[V6]:PORT"; loopback when no host is given).
+    // Listens on address ("PORT", or "ADDR:PORT" as --listen takes it; 127.0.0.1 when only a port).
     bool Start(std::string* why);
 
 private:

@@ -10,6 +10,7 @@
 #include "Options.h"
 #include "Process.h"
 #include "Server.h"
+#include "SlcanLine.h"
 
 namespace vexlo_tool {
 
@@ -33,6 +34,10 @@ const char kUsage[] =
     "  --beacon ADDR[:PORT]  send the discovery beacon there (default port 42000) instead of\n"
     "                        broadcasting it on the networks listened on (none on loopback alone)\n"
     "  --no-beacon           no beacon\n"
+    "  --slcan LINK=CH       serve channel CH (0 or 1) as a serial-line CAN (Lawicel, SLCAN) line on a\n"
+    "                        pseudo-terminal reached through the link LINK (e.g. /tmp/ttyVEXLO0);\n"
+    "                        repeatable\n"
+    "  --slcan-tcp [ADDR:]PORT=CH  the same on a TCP port (default address 127.0.0.1); repeatable\n"
     "\n";
 
 bool BusNames(const std::string& text, std::vector<std::string>* names) {
@@ -49,13 +54,15 @@ bool BusNames(const std::string& text, std::vector<std::string>* names) {
 }  // namespace
 
 int RunServe(int argc, char** argv) {
-    enum { kListen = 0x200, kBusNames, kAllow, kMaxClients, kBeacon, kNoBeacon };
+    enum { kListen = 0x200, kBusNames, kAllow, kMaxClients, kBeacon, kNoBeacon, kSlcan, kSlcanTcp };
     static const option kOptions[] = {{"listen", required_argument, nullptr, kListen},
                                       {"bus-names", required_argument, nullptr, kBusNames},
                                       {"allow", required_argument, nullptr, kAllow},
                                       {"max-clients", required_argument, nullptr, kMaxClients},
                                       {"beacon", required_argument, nullptr, kBeacon},
                                       {"no-beacon", no_argument, nullptr, kNoBeacon},
+                                      {"slcan", required_argument, nullptr, kSlcan},
+                                      {"slcan-tcp", required_argument, nullptr, kSlcanTcp},
                                       {nullptr, 0, nullptr, 0}};
     vexlo_serve::XServeOptions o;
     OwnOptions own = {"", kOptions, [&o](int code, const char* value) {
@@ -86,6 +93,18 @@ int RunServe(int argc, char** argv) {
                               if (o.beacon_to) return true;
                               error = "bad beacon address '" + arg + "' (IPv4 ADDR[:PORT])";
                               break;
+                          case kSlcan:
+                          case kSlcanTcp: {
+                              std::string where;
+                              unsigned bus = 0;
+                              if (vexlo_serve::ParseSlcanOption(arg, &where, &bus)) {
+                                  (code == kSlcan ? o.slcan : o.slcan_tcp).emplace_back(where, bus);
+                                  return true;
+                              }
+                              error = "bad serial line '" + arg + "' (" + (code == kSlcan ? "LINK" : "[ADDR:]PORT") +
+                                      "=CH, CH 0 or 1)";
+                              break;
+                          }
                           default:
                               o.beacon_off = true;
                               return true;
