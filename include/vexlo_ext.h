@@ -102,11 +102,12 @@ VEXLO_API int vexlo_present(unsigned int DevIndex);
 /* The two bus timing bytes (BusTiming0 and BusTiming1 of CAN_INIT) for `bitrate` bit/s. The usual rates
  * keep the bytes every tool of the field uses for them (1M 00:14, 800k 00:16, 500k 00:1C, 250k
  * 01:1C, 125k 03:1C, 100k 04:1C, 50k 09:1C, 20k 18:1C, 10k 31:1C). Any other rate gets, among the
- * settings within 1% of it, the one whose sample point is nearest 87.5% (at most 87.5% and at
- * least 75% above 800 kbit/s), then the smallest rate error, then the most time quanta; sync jump
- * width 1, one sample. Returns 1 with the bytes set; 0 when no setting comes within 1%, and then
- * *below and *above (either may be null) get the nearest rates in bit/s that work on either side
- * (0 where there is none). */
+ * settings within 1% of it (bits of 8 to 25 quanta, at least 2 of them after the sample point), the
+ * one whose sample point is nearest 87.5% (at most 87.5% and at least 75% above 800 kbit/s), then
+ * the smallest rate error, then the most time quanta; sync jump width 1, one sample. Returns 1 with
+ * the bytes set; 0 when no setting comes within 1%, and then *below and *above (either may be null)
+ * get the nearest rates that work on either side: rates the controller reaches exactly, rounded to
+ * the bit/s (0 where there is none; 950000 gives 888889 and 1000000). */
 VEXLO_API int vexlo_timing_for_rate(unsigned int bitrate, unsigned char* btr0, unsigned char* btr1,
                                     unsigned int* below, unsigned int* above);
 
@@ -138,7 +139,9 @@ typedef struct {
  * passes more (check each received frame with vexlo_filter_pass), -1 for bad arguments. */
 VEXLO_API int vexlo_filter_fit(const VEXLO_FILTER* filters, unsigned int count, CAN_INIT* init);
 
-/* 1 when the list passes the frame, 0 when it does not, -1 for bad arguments. */
+/* 1 when the list passes the frame (its identifier taken with its 11 or 29 bits), 0 when it does
+ * not, -1 for bad arguments (a null frame, a null list with a count, extended or remote outside
+ * -1..1, inverse above 1; vexlo_filter_fit refuses those lists too). */
 VEXLO_API int vexlo_filter_pass(const VEXLO_FILTER* filters, unsigned int count, const CAN_OBJ* frame);
 
 /* ---- Discovery and open errors --------------------------------------------------------------- */

@@ -53,6 +53,8 @@ uint8_t SimController::ReadReg(uint8_t addr) const {
         if (overrun_) s |= 0x02;
         return s;
     }
+    case kRegBtr0: return btr0_;
+    case kRegBtr1: return btr1_;
     case kRegArbLost: return alc_;
     case kRegErrCode: return ecc_;
     case kRegWarnLimit: return ewl_;

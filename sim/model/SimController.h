@@ -19,6 +19,8 @@ enum class SimChanState { kReset, kInitialised, kStarted };
 enum SimReg : uint8_t {
     kRegMode = 0x00,
     kRegStatus = 0x02,
+    kRegBtr0 = 0x06,  // the two timing bytes last programmed (command 0x03), readable in any mode
+    kRegBtr1 = 0x07,
     kRegArbLost = 0x0B,
     kRegErrCode = 0x0C,
     kRegWarnLimit = 0x0D,

@@ -7,11 +7,20 @@
 namespace vexlo_sim {
 namespace {
 
-bool ParseUnsigned(const std::string& s, unsigned long* v, int base = 10) {
-    if (s.empty()) return false;
-    char* end = nullptr;
-    *v = std::strtoul(s.c_str(), &end, base);
-    return *end == 0;
+// The largest values that make sense: adapter positions, seconds from the start (a year), an
+// answer delay (an hour), generator rates in frames per second.
+const unsigned long kMaxAdapters = 32;
+const double kMaxSeconds = 366 * 86400.0;
+const unsigned long kMaxDelayMs = 3600000;
+const double kMinRate = 0.001, kMaxRate = 1000000;
+
+// Digits only (hex digits for base 16), no sign or blanks, at most `max`.
+bool ParseUnsigned(const std::string& s, unsigned long* v, unsigned long max, int base = 10) {
+    if (s.empty() || s.size() > 12 ||
+        s.find_first_not_of(base == 16 ? "0123456789abcdefABCDEF" : "0123456789") != std::string::npos)
+        return false;
+    *v = std::strtoul(s.c_str(), nullptr, base);
+    return *v <= max;
 }
 
 std::vector<std::string> Split(const std::string& arg) {
@@ -28,17 +37,18 @@ bool ParseSeconds(const std::string& s, double* v) {
     if (s.empty()) return false;
     char* end = nullptr;
     *v = std::strtod(s.c_str(), &end);
-    return *end == 0 && std::isfinite(*v) && *v >= 0 && *v <= 366 * 86400.0;
+    return *end == 0 && std::isfinite(*v) && *v >= 0 && *v <= kMaxSeconds;
 }
 
 // "A:AT[:BACK]".
 bool ParseUnplug(const std::string& arg, SimToolUnplug* u, std::string* error) {
     std::vector<std::string> p = Split(arg);
     unsigned long a = 0;
-    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && a <= 32 &&
+    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a, kMaxAdapters) &&
               ParseSeconds(p[1], &u->at) && (p.size() == 2 || (ParseSeconds(p[2], &u->back) && u->back > u->at));
     u->adapter = static_cast<unsigned>(a);
-    if (!ok) *error = "bad unplug '" + arg + "' (A:AT[:BACK] in seconds from the start, BACK after AT)";
+    if (!ok)
+        *error = "bad unplug '" + arg + "' (A:AT[:BACK] in seconds from the start, at most 31622400, BACK after AT)";
     return ok;
 }
 
@@ -46,11 +56,11 @@ bool ParseUnplug(const std::string& arg, SimToolUnplug* u, std::string* error) {
 bool ParseDelay(const std::string& arg, SimToolDelay* d, std::string* error) {
     std::vector<std::string> p = Split(arg);
     unsigned long a = 0, ms = 0;
-    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a) && a <= 32 &&
-              ParseUnsigned(p[1], &ms) && ms <= 3600000 && (p.size() == 2 || ParseSeconds(p[2], &d->at));
+    bool ok = (p.size() == 2 || p.size() == 3) && ParseUnsigned(p[0], &a, kMaxAdapters) &&
+              ParseUnsigned(p[1], &ms, kMaxDelayMs) && (p.size() == 2 || ParseSeconds(p[2], &d->at));
     d->adapter = static_cast<unsigned>(a);
     d->ms = static_cast<unsigned>(ms);
-    if (!ok) *error = "bad answer delay '" + arg + "' (A:MS[:AT], MS at most 3600000, AT in seconds)";
+    if (!ok) *error = "bad answer delay '" + arg + "' (A:MS[:AT], MS at most 3600000, AT in seconds, at most 31622400)";
     return ok;
 }
 
@@ -60,17 +70,18 @@ bool UnplugsOverlap(const SimToolUnplug& x, const SimToolUnplug& y) {
     return x.adapter == y.adapter && x.at < y_end && y.at < x_end;
 }
 
-// "[ADAPTER:]VALUE": the adapter index (default all) and the value.
-bool SplitTarget(const std::string& arg, int* adapter, std::string* value) {
+// "[ADAPTER:]VALUE": the adapter index (default all: -1) and the value; digits before the first
+// colon name the adapter. False when those digits go beyond any adapter.
+bool SplitTarget(const std::string& arg, long* adapter, std::string* value) {
     size_t colon = arg.find(':');
+    std::string head = colon == std::string::npos ? std::string() : arg.substr(0, colon);
     unsigned long a = 0;
-    if (colon != std::string::npos && ParseUnsigned(arg.substr(0, colon), &a)) {
-        *adapter = static_cast<int>(a);
-        *value = arg.substr(colon + 1);
-    } else {
-        *adapter = -1;
-        *value = arg;
-    }
+    *adapter = -1;
+    *value = arg;
+    if (head.empty() || head.find_first_not_of("0123456789") != std::string::npos) return true;
+    *value = arg.substr(colon + 1);
+    if (!ParseUnsigned(head, &a, kMaxAdapters)) return false;
+    *adapter = static_cast<long>(a);
     return true;
 }
 
@@ -80,9 +91,12 @@ bool ParseGenerator(const std::string& arg, SimToolGenerator* g, std::string* er
     std::string where = parts[0];
     unsigned long ch = 0, ad = 0;
     size_t at = where.find('@');
-    if (at != std::string::npos && !ParseUnsigned(where.substr(at + 1), &ad)) at = std::string::npos - 1;
-    if (at == std::string::npos - 1 || !ParseUnsigned(where.substr(0, at), &ch) || ch > 1) {
-        *error = "bad generator channel in '" + arg + "'";
+    if (at != std::string::npos && !ParseUnsigned(where.substr(at + 1), &ad, kMaxAdapters - 1)) {
+        *error = "bad generator adapter in '" + arg + "' (at most 31)";
+        return false;
+    }
+    if (!ParseUnsigned(where.substr(0, at), &ch, 1)) {
+        *error = "bad generator channel in '" + arg + "' (0 or 1)";
         return false;
     }
     g->channel = static_cast<unsigned>(ch);
@@ -90,8 +104,9 @@ bool ParseGenerator(const std::string& arg, SimToolGenerator* g, std::string* er
     if (parts.size() > 1 && !parts[1].empty()) {
         char* end = nullptr;
         g->cfg.rate = std::strtod(parts[1].c_str(), &end);
-        if (*end || g->cfg.rate < 0) {
-            *error = "bad generator rate in '" + arg + "'";
+        bool sane = g->cfg.rate == 0 || (g->cfg.rate >= kMinRate && g->cfg.rate <= kMaxRate);
+        if (*end || !sane) {
+            *error = "bad generator rate in '" + arg + "' (frames/s from 0.001 to 1000000, or 0 for the bus ceiling)";
             return false;
         }
     }
@@ -121,7 +136,8 @@ const char* SimUsage() {
            "\n"
            "Runs PROGRAM (any libusb program, or one linked with libvexlo, unmodified) in a child\n"
            "process against simulated two-channel USB-to-CAN adapters (USB 0471:1200), and exits\n"
-           "with its exit status (128 + signal number if it was killed).\n"
+           "with its exit status (128 + signal number if it was killed). SIGTERM, SIGINT and\n"
+           "SIGHUP go on to PROGRAM's process group; what has not ended 5 s later is killed.\n"
            "\n"
            "Each adapter's channel 0 and channel 1 are cabled together: a frame sent on one is\n"
            "received on the other when both are started at the same bit rate.\n"
@@ -135,9 +151,10 @@ const char* SimUsage() {
            "  --fw-version [A:]HEX    firmware version, e.g. 0318\n"
            "  -g, --generator CH[@A][:RATE[:PATTERN]]\n"
            "                          a remote node on channel CH of adapter A sending frames at\n"
-           "                          RATE frames/s (0 or omitted: as fast as the bus allows, e.g.\n"
-           "                          21277 frames/s of seq0 at 1 Mbit/s) once the channel is\n"
-           "                          started. Identifiers count up from 0 (loss checks); PATTERN:\n"
+           "                          RATE frames/s, 0.001 to 1000000 (0 or omitted: as fast as\n"
+           "                          the bus allows, e.g. 21277 frames/s of seq0 at 1 Mbit/s)\n"
+           "                          once the channel is started. Identifiers count up from 0\n"
+           "                          (loss checks); PATTERN:\n"
            "                            seq   standard, 4 data bytes = sequence number (default)\n"
            "                            seq0  standard, no data\n"
            "                            seq8  standard, 8 data bytes, sequence number first\n"
@@ -204,8 +221,8 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
         std::string v = argv[++i];
         if (a == "-n" || a == "--adapters") {
             unsigned long n = 0;
-            if (!ParseUnsigned(v, &n) || n > 32) {
-                *error = "bad adapter count '" + v + "'";
+            if (!ParseUnsigned(v, &n, kMaxAdapters)) {
+                *error = "bad adapter count '" + v + "' (0 to 32)";
                 return false;
             }
             out->adapters = static_cast<unsigned>(n);
@@ -238,9 +255,17 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
     }
     out->ids.assign(out->adapters, SimIdentity());
     for (const auto& o : idopts) {
-        int which;
+        long which;
         std::string value;
-        SplitTarget(o.second, &which, &value);
+        if (!SplitTarget(o.second, &which, &value) || which >= static_cast<long>(out->adapters)) {
+            *error = o.first + " names adapter " + o.second.substr(0, o.second.find(':')) + ", which does not exist";
+            return false;
+        }
+        if ((o.first == "--serial" || o.first == "--id-text") && value.size() > SimAdapter::kMaxText) {
+            *error = o.first + " '" + value + "' is longer than " + std::to_string(SimAdapter::kMaxText) +
+                     " characters";
+            return false;
+        }
         for (unsigned k = 0; k < out->adapters; ++k) {
             if (which >= 0 && static_cast<unsigned>(which) != k) continue;
             SimIdentity& id = out->ids[k];
@@ -249,10 +274,10 @@ bool SimParseOptions(int argc, char** argv, SimToolOptions* out, std::string* er
                 id.serial = value;
             } else if (o.first == "--id-text") {
                 id.id_text = value;
-            } else if (ParseUnsigned(value, &hex, 16) && hex <= 0xFFFF) {
+            } else if (ParseUnsigned(value, &hex, 0xFFFF, 16)) {
                 (o.first == "--hw-version" ? id.hw_version : id.fw_version) = static_cast<uint16_t>(hex);
             } else {
-                *error = "bad version '" + value + "'";
+                *error = "bad version '" + value + "' (hex, at most FFFF)";
                 return false;
             }
         }

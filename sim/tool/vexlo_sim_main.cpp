@@ -2,6 +2,7 @@
 // program runs in a child process with the umockdev preload, which routes its USB calls here.
 // This process has the preload linked in as well, so that the testbed can send the program's
 // libusb the events of an unplug and a replug.
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,12 +23,24 @@
 using namespace vexlo_sim;
 
 namespace {
+// The program runs in a process group of its own, whose id is its pid.
 volatile pid_t g_child = 0;
+volatile sig_atomic_t g_ended = 0;
+// Seconds a program has to end after a termination before its whole group is killed.
+const unsigned kGraceSeconds = 5;
 
-// A termination sent to vexlo-sim alone goes on to the program, which then ends and lets the
-// trace be written out; Ctrl-C reaches the program through the terminal's process group.
+// A termination (SIGTERM, SIGINT, SIGHUP) sent to vexlo-sim goes on to the program's process
+// group, so that what the program started ends with it; the program then ends and lets the trace
+// be written out. One that does not end in time is killed, with its group.
 void PassOn(int sig) {
-    if (g_child > 0) kill(g_child, sig);
+    if (g_child <= 0) return;
+    g_ended = 1;
+    kill(-g_child, sig);
+    alarm(kGraceSeconds);
+}
+
+void KillGroup(int) {
+    if (g_child > 0) kill(-g_child, SIGKILL);
 }
 
 void SetSignal(int sig, void (*handler)(int)) {
@@ -81,15 +94,26 @@ int main(int argc, char** argv) {
     SetSignal(SIGINT, SIG_IGN);
     SetSignal(SIGQUIT, SIG_IGN);
     SetSignal(SIGPIPE, SIG_IGN);  // a trace pipe that closes is reported, not fatal
+    // On a terminal where vexlo-sim is in the foreground, the program's group takes the terminal:
+    // it reads the keyboard and gets Ctrl-C itself, as if the shell had started it.
+    const bool terminal = isatty(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp();
+    SetSignal(SIGTTOU, SIG_IGN);
+    const pid_t parent = getpid();
     pid_t pid = fork();
     if (pid < 0) {
         std::perror("vexlo-sim: fork");
         return 2;
     }
     if (pid == 0) {
+        setpgid(0, 0);
+        if (terminal) tcsetpgrp(STDIN_FILENO, getpgrp());
+        // Killed outright, vexlo-sim takes the program with it.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(128 + SIGKILL);
         SetSignal(SIGINT, SIG_DFL);
         SetSignal(SIGQUIT, SIG_DFL);
         SetSignal(SIGPIPE, SIG_DFL);
+        SetSignal(SIGTTOU, SIG_DFL);
         setenv("LD_PRELOAD", preload.c_str(), 1);
         std::vector<char*> args;
         for (std::string& s : opt.program) args.push_back(&s[0]);
@@ -98,9 +122,13 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vexlo-sim: cannot run %s: %s\n", args[0], std::strerror(errno));
         _exit(127);
     }
+    setpgid(pid, pid);  // also here: whichever of the two runs first
+    if (terminal) tcsetpgrp(STDIN_FILENO, pid);
     g_child = pid;
+    SetSignal(SIGALRM, &KillGroup);
     SetSignal(SIGTERM, &PassOn);
     SetSignal(SIGHUP, &PassOn);
+    SetSignal(SIGINT, &PassOn);
     plan.Start();
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
@@ -109,6 +137,9 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    alarm(0);
+    if (g_ended) kill(-pid, SIGKILL);  // what the program started and left behind
+    if (terminal) tcsetpgrp(STDIN_FILENO, getpgrp());
     plan.Stop();
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);

@@ -36,28 +36,42 @@ bool CanAcks::Pop(Ack* out) {
 }
 
 void CanAcks::Settle(int n) {
-    for (int i = n; i < owed_; ++i) kinds_[i - n] = kinds_[i];
+    for (int i = n; i < owed_; ++i) owes_[i - n] = owes_[i];
     owed_ -= n;
 }
 
-CanAcks::Verdict CanAcks::Judge(int kind, const Ack& ack) {
-    if (owed_ == 0) return kind == kNone ? kStale : kOurs;
-    const int code = ack.Code();
-    int i = 0;
-    while (i < owed_ && !Fits(kinds_[i], code)) ++i;
-    if (i == owed_) {
-        if (Fits(kind, code)) {
-            owed_ = 0;
-            return kOurs;
-        }
-        Settle(1);
-        return kStale;
-    }
-    Settle(i + 1);
-    return Fits(kind, code) ? kHeld : kStale;
+void CanAcks::Expire(U64 now) {
+    int kept = 0;
+    for (int i = 0; i < owed_; ++i)
+        if (now - owes_[i].since < kExpiryMs) owes_[kept++] = owes_[i];
+    owed_ = kept;
 }
 
-void CanAcks::Owe(int kind) {
+CanAcks::Verdict CanAcks::Judge(int kind, const Ack& ack, U64 now) {
+    Expire(now);
+    const int code = ack.Code();
+    int i = 0;
+    while (i < owed_ && !Fits(owes_[i].kind, code)) ++i;
+    if (i < owed_) {
+        Settle(i + 1);
+        return kStale;
+    }
+    if (Fits(kind, code) || (owed_ == 0 && kind != kNone)) {
+        owed_ = 0;
+        return kOurs;
+    }
+    if (owed_ != 0) Settle(1);
+    return kStale;
+}
+
+void CanAcks::Owe(int kind, U64 now) {
     if (owed_ == kMaxOwed) Settle(1);
-    kinds_[owed_++] = kind;
+    owes_[owed_++] = Debt{kind, now};
+}
+
+U64 CanAcks::Clear(int kind, U64 now) {
+    Expire(now);
+    for (int i = 0; i < owed_; ++i)
+        if (owes_[i].kind == kind) return owes_[i].since + kExpiryMs - now;
+    return 0;
 }

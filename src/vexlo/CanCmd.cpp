@@ -1,7 +1,16 @@
 // The command exchange: a packet on 0x01, its acknowledgement from 0x81.
+#include <time.h>
+
 #include <cstring>
 
 #include "CanDev.h"
+
+// Milliseconds of the monotonic clock: how long ago an exchange gave up (CanAcks).
+static U64 NowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<U64>(ts.tv_sec) * 1000 + static_cast<U64>(ts.tv_nsec) / 1000000;
+}
 
 int CanDev::Cmd(U8* cmd, U32 cmdlen, U8* ack, U32* acklen, U32 timeout) {
     XDBG(XLOG_GENERAL, "+++\n");
@@ -13,18 +22,23 @@ int CanDev::Cmd(U8* cmd, U32 cmdlen, U8* ack, U32* acklen, U32 timeout) {
         }
         XDUMP(XLOG_DUMP, "cmd: ", cmd, cmdlen);
 
-        CanXfer* out = GetXfer(CAN_XFER_CMD_OUT);
-        int posted = PostOut(out, cmd, cmdlen, timeout);
-        U32 sent = posted > 0 ? static_cast<U32>(posted) : 0;
-        XDBG(XLOG_GENERAL, "xfer(cmd): size=%d\n", sent);
-        EndOut(out, posted, timeout);
-        if (sent != cmdlen) {
-            XERR("xfer(cmd) failed\n");
-            break;
-        }
-
+        // Not sent while the answer to an earlier exchange of its code may still come: it is
+        // failed as one whose answer did not come, and owes nothing.
+        const int kind = cmdlen >= 2 ? cmd[1] : -1;
         CanAcks::Ack answer;
-        U32 got = AwaitAck(cmdlen >= 2 ? cmd[1] : -1, timeout, &answer) ? answer.size : 0;
+        U32 got = 0;
+        if (ClearToSend(kind, timeout)) {
+            CanXfer* out = GetXfer(CAN_XFER_CMD_OUT);
+            int posted = PostOut(out, cmd, cmdlen, timeout);
+            U32 sent = posted > 0 ? static_cast<U32>(posted) : 0;
+            XDBG(XLOG_GENERAL, "xfer(cmd): size=%d\n", sent);
+            EndOut(out, posted, timeout);
+            if (sent != cmdlen) {
+                XERR("xfer(cmd) failed\n");
+                break;
+            }
+            got = AwaitAck(kind, timeout, &answer) ? answer.size : 0;
+        }
         XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
         result = got != 0 ? 0 : -1;
         if (got < *acklen) *acklen = got;
@@ -67,46 +81,51 @@ void CanDev::ForgetAcks() {
     CanXfer* in = GetXfer(CAN_XFER_CMD_IN);
     XLock guard(in);
     in->ClrSize();
+    DropLate();
+}
+
+void CanDev::DropLate() {
     CanAcks::Ack a;
     while (acks_.Pop(&a)) {
-        acks_.Judge(CanAcks::kNone, a);
+        acks_.Judge(CanAcks::kNone, a, NowMs());
         XDBG(XLOG_GENERAL, "*** late ack dropped: size=%d, code=0x%02x\n", a.size, a.size >= 2 ? a.bytes[1] : 0);
     }
+}
+
+bool CanDev::ClearToSend(int kind, U32 timeout) {
+    CanXfer* in = GetXfer(CAN_XFER_CMD_IN);
+    XLock guard(in);
+    XTimer timer;
+    for (;;) {
+        DropLate();
+        U64 owed = acks_.Clear(kind, NowMs());
+        if (owed == 0) return true;
+        timer.Stop();
+        if (timer.msecs() >= timeout) break;
+        U64 left = timeout - timer.msecs();
+        in->Wait(static_cast<int>(owed < left ? owed : left));
+    }
+    XDBG(XLOG_GENERAL, "*** not sent: an earlier exchange of its kind (0x%x) may still be answered\n", kind);
+    return false;
 }
 
 bool CanDev::AwaitAck(int kind, U32 timeout, CanAcks::Ack* ack) {
     CanXfer* in = GetXfer(CAN_XFER_CMD_IN);
     XLock guard(in);
     XTimer timer;
-    unsigned long long limit = timeout;
-    bool held = false;
     for (;;) {
         CanAcks::Ack a;
         while (acks_.Pop(&a)) {
-            CanAcks::Verdict v = acks_.Judge(kind, a);
-            if (v == CanAcks::kStale) {
-                XDBG(XLOG_GENERAL, "*** late ack dropped: size=%d, code=0x%02x\n", a.size,
-                     a.size >= 2 ? a.bytes[1] : 0);
-                continue;
+            if (acks_.Judge(kind, a, NowMs()) == CanAcks::kOurs) {
+                *ack = a;
+                return true;
             }
-            *ack = a;
-            if (v == CanAcks::kOurs) return true;
-            held = true;
+            XDBG(XLOG_GENERAL, "*** late ack dropped: size=%d, code=0x%02x\n", a.size, a.size >= 2 ? a.bytes[1] : 0);
         }
         timer.Stop();
-        if (timer.msecs() >= limit) {
-            // A held answer may be an earlier exchange's: the own one would come within one more
-            // wait. If none comes, the held one is the own.
-            if (!held || limit > timeout) break;
-            limit += timeout;
-            continue;
-        }
-        in->Wait(static_cast<int>(limit - timer.msecs()));
+        if (timer.msecs() >= timeout) break;
+        in->Wait(static_cast<int>(timeout - timer.msecs()));
     }
-    if (held) {
-        acks_.Forgive();
-        return true;
-    }
-    acks_.Owe(kind);
+    acks_.Owe(kind, NowMs());
     return false;
 }

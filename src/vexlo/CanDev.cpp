@@ -2,11 +2,22 @@
 
 #include <cstring>
 
+#include "vexlo_ext.h"
+
 std::map<unsigned int, CanDev*> CanDev::devmap_;
 XLock CanDev::devlck_;
 XLock CanDev::cmdlck_;
 XLock CanDev::fifolck_;
 bool CanDev::usbinit_ = false;
+thread_local int CanDev::openerr_ = VEXLO_OPEN_OK;
+
+// The open error a failed libusb_open or claim stands for: another program holds the adapter,
+// the user may not use it, or anything else.
+static int OpenReason(int r) {
+    if (r == LIBUSB_ERROR_BUSY) return VEXLO_OPEN_BUSY;
+    if (r == LIBUSB_ERROR_ACCESS) return VEXLO_OPEN_DENIED;
+    return VEXLO_OPEN_FAILED;
+}
 
 // How long Close waits for cancelled transfers to be delivered before it gives up on them.
 static const int kCloseDrainMs = 5000;
@@ -86,6 +97,7 @@ int CanDev::Open(U16 vid, U16 pid, U16 index) {
     libusb_device** list = nullptr;
     std::vector<libusb_device*> matches;
     int result = 0;
+    openerr_ = VEXLO_OPEN_FAILED;
     do {
         if (handle_) {
             XWRN("device opened\n");
@@ -119,6 +131,7 @@ int CanDev::Open(U16 vid, U16 pid, U16 index) {
         if (index >= matches.size()) {
             XERR("invalid index: index=%d, found=%ld\n", index, static_cast<long>(matches.size()));
             result = -1;
+            openerr_ = VEXLO_OPEN_MISSING;
             break;
         }
         int r = libusb_open(matches[index], &handle_);
@@ -126,6 +139,7 @@ int CanDev::Open(U16 vid, U16 pid, U16 index) {
             XERR("libusb_open failed: ret=%d\n", r);
             handle_ = nullptr;
             result = r < 0 ? r : -1;
+            openerr_ = OpenReason(r);
             break;
         }
         XDBG(XLOG_GENERAL, "libusb_open succeeded: dev=%p\n", static_cast<void*>(handle_));
@@ -133,6 +147,7 @@ int CanDev::Open(U16 vid, U16 pid, U16 index) {
         if (r < 0) {
             XERR("libusb_claim_interface failed: ret=%d\n", r);
             result = r;
+            openerr_ = OpenReason(r);
             break;
         }
         XDBG(XLOG_GENERAL, "libusb_claim_interface succeeded\n");
@@ -150,6 +165,7 @@ int CanDev::Open(U16 vid, U16 pid, U16 index) {
         }
         result = 0;
     } while (false);
+    if (result == 0) openerr_ = VEXLO_OPEN_OK;
 
     if (!claimed_ && handle_) {
         XDBG(XLOG_GENERAL, "libusb_close: dev=%p\n", static_cast<void*>(handle_));

@@ -4,7 +4,8 @@
 //
 // Lock order. devlck_, cmdlck_ and fifolck_ are never held together. Under cmdlck_ an exchange
 // holds the OUT transfer's lock while it sends, taking the command IN transfer's lock inside it only
-// to forget earlier answers; it waits for its answer under the command IN transfer's lock alone.
+// to forget earlier answers; it waits for an earlier exchange's answer before it sends, and for its
+// own after, under the command IN transfer's lock alone.
 // The event threads take only transfer locks, one at a time, and never a static lock.
 //
 // Threads. Completions normally run on the event threads. Close, and an exchange that cancelled
@@ -106,6 +107,9 @@ public:
     static XLock cmdlck_;
     static XLock fifolck_;
     static bool usbinit_;
+    // Why this thread's last open failed: one of VEXLO_OPEN_* (vexlo_ext.h), set by Open and by
+    // VCI_OpenDevice and read by vexlo_open_error.
+    static thread_local int openerr_;
 
 private:
     // The steps of every exchange on the command IN endpoint. PostOut locks `out`, forgets the
@@ -115,9 +119,14 @@ private:
     // when `out` is still in flight from an exchange that gave up on it. EndOut cancels, waits
     // for the cancellation's delivery and unlocks. AwaitAck waits for the answer to an exchange
     // of `kind` (CanAcks) at most `timeout` ms, dropping late answers to earlier exchanges.
+    // ClearToSend comes first: false when an earlier exchange of `kind` may still be answered
+    // after a wait of `timeout` ms, and the exchange must not send. DropLate judges the answers
+    // that came while no exchange waited; caller holds the command IN transfer's lock.
     int PostOut(CanXfer* out, const void* pkt, U32 len, U32 timeout);
     void EndOut(CanXfer* out, int posted, U32 timeout);
     void ForgetAcks();
+    void DropLate();
+    bool ClearToSend(int kind, U32 timeout);
     bool AwaitAck(int kind, U32 timeout, CanAcks::Ack* ack);
     // Submits transfer `xfer` unless the device is closing (false, nothing submitted); caller
     // holds the transfer's lock. `ret` gets libusb's result.

@@ -14,19 +14,23 @@ int CanDev::Send(CAN_OBJX* recs, U32* count, U32 timeout) {
         }
         XDUMP(XLOG_DUMP, "tx: ", reinterpret_cast<const U8*>(recs), CAN_REC_SIZE);
 
-        const U32 bytes = CAN_REC_SIZE * n;
-        CanXfer* out = GetXfer(CAN_XFER_DATA_OUT);
-        int posted = PostOut(out, recs, bytes, timeout);
-        U32 sent = posted > 0 ? static_cast<U32>(posted) : 0;
-        XDBG(XLOG_GENERAL, "xfer(tx): size=%d\n", sent);
-        EndOut(out, posted, timeout);
-        if (sent != bytes) {
-            XERR("xfer(tx) failed\n");
-            break;
-        }
-
+        // As a command (CanCmd.cpp): not sent while an earlier frame packet's answer may still
+        // come, and then failed as one that was not acknowledged.
         CanAcks::Ack answer;
-        U32 got = AwaitAck(CanAcks::kFrames, timeout, &answer) ? answer.size : 0;
+        U32 got = 0;
+        if (ClearToSend(CanAcks::kFrames, timeout)) {
+            const U32 bytes = CAN_REC_SIZE * n;
+            CanXfer* out = GetXfer(CAN_XFER_DATA_OUT);
+            int posted = PostOut(out, recs, bytes, timeout);
+            U32 sent = posted > 0 ? static_cast<U32>(posted) : 0;
+            XDBG(XLOG_GENERAL, "xfer(tx): size=%d\n", sent);
+            EndOut(out, posted, timeout);
+            if (sent != bytes) {
+                XERR("xfer(tx) failed\n");
+                break;
+            }
+            got = AwaitAck(CanAcks::kFrames, timeout, &answer) ? answer.size : 0;
+        }
         XDBG(XLOG_GENERAL, "xfer(ack): size=%d\n", got);
         XDUMP(XLOG_DUMP, "ack: ", answer.bytes, got);
         // The count lives in byte 2: an answer that stops before it counts as none.

@@ -1,5 +1,6 @@
 // Opening and closing an adapter.
 #include "VciCommon.h"
+#include "vexlo_ext.h"
 
 extern "C" VEXLO_API unsigned int VCI_OpenDevice(unsigned int DevType, unsigned int DevIndex, unsigned int Reserved) {
     (void)Reserved;
@@ -7,11 +8,13 @@ extern "C" VEXLO_API unsigned int VCI_OpenDevice(unsigned int DevType, unsigned 
     int init = CanDev::Init();
     XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d\n", DevType, DevIndex);
     unsigned int result = 0;
+    CanDev::openerr_ = VEXLO_OPEN_OK;
     if (dev) {
         XWRN("device opened: Type=%d, Card=%d\n", DevType, DevIndex);
         result = 1;
     } else if (init != 0) {
         // Without a libusb context no adapter can be reached; CanDev::Init has said why.
+        CanDev::openerr_ = VEXLO_OPEN_FAILED;
         XERR("Open(%04x:%04x, %d) failed\n", CAN_VID, CAN_PID, DevIndex);
     } else {
         dev = new CanDev();

@@ -113,16 +113,21 @@ TEST_F(CommandTest, TracesAndDumpsUnderTheirMasks) {
     CAN_INIT init = {};
     init.AcceptCode = 0x12345678;
     init.AcceptMask = 0xFFFFFFFF;
-    init.BusTiming1 = 0x14;
+    init.BusTiming0 = 0x03;
+    init.BusTiming1 = 0x1C;
     VCI_Debug(1);
     Capture();
     ASSERT_EQ(VCI_InitCAN(kType, 0, 0, &init), 1u);
     log = Log();
     VCI_Debug(0);
     EXPECT_EQ(CountLines(log, LogLine("DBG", kInitSig,
-                                      "ACC=0x12345678, ACM=0xffffffff, AFM=0x00, T0=0x00, T1=0x14, LOM=0x00")),
+                                      "ACC=0x12345678, ACM=0xffffffff, AFM=0x00, T0=0x03, T1=0x1c, LOM=0x00")),
               1)
         << log;
+    // The controller shows the timing bytes programmed at registers 0x06 and 0x07.
+    unsigned char btr[2][1] = {{0x06}, {0x07}};
+    ASSERT_EQ(VCI_GetReference(kType, 0, 0, 1, btr[0]) + VCI_GetReference(kType, 0, 0, 1, btr[1]), 2u);
+    EXPECT_EQ((std::vector<int>{btr[0][0], btr[1][0]}), (std::vector<int>{0x03, 0x1C}));
 
     // Open, start, read, close at masks 0x1 and 0x2. The event thread fills both IN records before
     // it submits either; an answer is captured before its transfer is armed again. Close runs once,

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "LibFixture.h"
+#include "vexlo_ext.h"
 
 using OpenTest = LibTest;
 
@@ -54,6 +55,9 @@ TEST_F(OpenTest, IndexAbove31OpensButChannelCallsRefuseIt) {
     std::vector<std::string> p = Problems(log);
     ASSERT_EQ(p.size(), 2u) << log;
     EXPECT_TRUE(p[0].rfind("ERR int CanDev::Open(U16, U16, U16): libusb_claim_interface failed: ret=-", 0) == 0) << p[0];
+    const char* why = nullptr;
+    EXPECT_EQ(vexlo_open_error(&why), VEXLO_OPEN_BUSY);
+    EXPECT_STREQ(why, "in use by another program");
     Sim().ClearSent();
     Capture();
     EXPECT_EQ(VCI_CloseDevice(kType, 65536), 1u);  // its resets fail and are ignored
@@ -147,6 +151,8 @@ TEST_F(NoAdapterTest, OpenFailsWithItsErrorsOnly) {
         << log;
     // With the mask at 0 nothing else is written.
     EXPECT_EQ(CountLines(log, std::regex(".*")), 3);
+    EXPECT_EQ(vexlo_open_error(nullptr), VEXLO_OPEN_MISSING);
+    EXPECT_EQ(vexlo_count(), 0);
 }
 
 class TwoAdapterTest : public LibTest {
@@ -197,6 +203,7 @@ TEST_F(TwoAdapterTest, BoardInfoAndPositionsSelectDifferentAdapters) {
     Capture();
     EXPECT_EQ(VCI_OpenDevice(kType, 2, 0), 0u);
     EXPECT_EQ(Problems(Log())[0], "ERR int CanDev::Open(U16, U16, U16): invalid index: index=2, found=2");
+    EXPECT_EQ(vexlo_count(), 2);  // both held by this program, counted all the same
     EXPECT_EQ(VCI_CloseDevice(kType, 0), 1u);
 
     // Device 1 receives on while device 0 opens and closes again and again, although its
