@@ -46,8 +46,12 @@ void InstallStop() {
 }
 
 // The library's lines during the capture go to standard error, where Wireshark shows them; the
-// fifo is the only output.
+// fifo is the only output. Those of the open are kept, and shown only when the library has no
+// word for the failure.
 void LogToStderr(void*, int, const char* line) { std::fprintf(stderr, "%s\n", line); }
+void LogToString(void* lines, int, const char* line) {
+    static_cast<std::string*>(lines)->append(line).push_back('\n');
+}
 
 class XCapture {
 public:
@@ -74,16 +78,21 @@ XCapture::~XCapture() {
 }
 
 bool XCapture::Start() {
-    if (!VCI_OpenDevice(kDevType, dev_, 0)) {
+    std::string lines;
+    vexlo_set_log(LogToString, &lines);
+    bool opened = VCI_OpenDevice(kDevType, dev_, 0) != 0;
+    vexlo_set_log(LogToStderr, nullptr);
+    if (!opened) {
         const char* text = nullptr;
         int why = vexlo_open_error(&text);
         if (why == VEXLO_OPEN_BUSY) {
-            Complain("adapter %u is in use by another program (a vexlo command or server, or another capture of "
-                     "the adapter): stop it, or capture through it",
+            Complain("adapter %u is in use by another program (a vexlo command or server, or a capture of its "
+                     "other channel)",
                      dev_);
         } else if (why == VEXLO_OPEN_MISSING) {
             Complain("no adapter at position %u: is it plugged in?", dev_);
         } else {
+            std::fputs(lines.c_str(), stderr);
             Complain("cannot open adapter %u: %s", dev_, text && *text ? text : "the adapter could not be opened");
         }
         return false;
@@ -171,7 +180,6 @@ int XCapture::Run() {
         return kExitUsage;
     }
     InstallStop();
-    vexlo_set_log(LogToStderr, nullptr);
     if (!Start()) return kExitFail;
     int status = Stream();
     std::string error2;

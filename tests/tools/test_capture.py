@@ -1,0 +1,68 @@
+"""Capture for Wireshark against the simulated adapter, read back with Debian's tshark."""
+import os
+import struct
+import subprocess
+
+VEXLO = os.environ["VEXLO"]
+SIM = os.environ["VEXLO_SIM"]
+EXTCAP = os.environ["VEXLO_EXTCAP"]
+FIELDS = ["can.id", "can.flags.xtd", "can.flags.rtr", "can.flags.err", "can.len"]
+
+
+def sim(tmp_path, sim_args, script, timeout=120):
+    """Runs a shell script under vexlo-sim with HOME in tmp_path, where tshark finds vexlo-extcap."""
+    folder = tmp_path / ".config" / "wireshark" / "extcap"
+    folder.mkdir(parents=True, exist_ok=True)
+    if not (folder / "vexlo-extcap").exists():
+        (folder / "vexlo-extcap").symlink_to(EXTCAP)
+    env = dict(os.environ, HOME=str(tmp_path), VEXLO=VEXLO)
+    return subprocess.run([SIM, *sim_args, "--", "sh", "-c", script], capture_output=True, text=True,
+                          timeout=timeout, cwd=tmp_path, env=env)
+
+
+def records(path):
+    """The (seconds, fraction, 16-byte record) of each packet of a classic pcap file of link type 227."""
+    raw = path.read_bytes()
+    magic, _, _, _, _, _, link = struct.unpack_from("<IHHiIII", raw)
+    assert link == 227
+    out, at = [], 24
+    while at < len(raw):
+        sec, frac, caplen, _ = struct.unpack_from("<IIII", raw, at)
+        out.append((sec, frac, raw[at + 16:at + 16 + caplen]))
+        at += 16 + caplen
+    return magic, out
+
+
+def tshark_fields(path, *fields):
+    p = subprocess.run(["tshark", "-r", str(path), "-T", "fields", *[a for f in fields for a in ("-e", f)]],
+                       capture_output=True, text=True, timeout=60)
+    assert p.returncode == 0, p.stderr
+    return [line.split("\t") for line in p.stdout.splitlines()]
+
+
+def generated(n, pattern):
+    """Frame n of a simulator generator: (id, extended, length, data) as its pattern makes it."""
+    seq = struct.pack("<Q", n)
+    if pattern == "ext":
+        return (n, 1, 8, seq)
+    return (n % 2048, 0, n % 9, seq[:n % 9])
+
+
+def test_extcap_lists_channels_and_captures_with_tshark(tmp_path):
+    p = sim(tmp_path, ["-n", "2", "--serial", "1:CAP-7", "--trace", "/dev/null", "-g", "1:2000:dlc"],
+            "tshark -D && tshark -i vexlo0can1 -c 50 -F pcap -w cap.pcap")
+    assert p.returncode == 0, p.stderr
+    for a, serial in [(0, "VXSIM0000"), (1, "CAP-7")]:
+        for ch in (0, 1):
+            assert f"vexlo{a}can{ch} (vexlo adapter {a} channel {ch} (serial {serial}))" in p.stdout
+    _, recs = records(tmp_path / "cap.pcap")
+    assert [r[2][8:8 + r[2][4]] for r in recs] == [generated(n, "dlc")[3] for n in range(50)]
+    assert tshark_fields(tmp_path / "cap.pcap", *FIELDS) == [
+        [str(n), "0", "0", "0", str(n % 9)] for n in range(50)]
+
+
+def test_extcap_says_when_another_program_holds_the_adapter(tmp_path):
+    p = sim(tmp_path, [], '"$VEXLO" stat -w 0.2 0 > held & while [ ! -s held ]; do sleep 0.05; done; '
+            'tshark -i vexlo0can1 -c 5; echo rc=$?; kill -INT $!; wait $!')
+    assert "rc=0" not in p.stdout
+    assert "vexlo-extcap: adapter 0 is in use by another program" in p.stderr
