@@ -68,10 +68,12 @@ private:
     std::vector<VEXLO_FILTER> filters_;
     int exact_ = 1;  // 1: the adapter's filter passes exactly the frames of the capture filter
     bool open_ = false;
+    int fifo_ = -1;  // until the writer takes it
     vexlo_tool::XPcapWriter out_;
 };
 
 XCapture::~XCapture() {
+    if (fifo_ >= 0) close(fifo_);
     if (!open_) return;
     VCI_ResetCAN(kDevType, dev_, ch_);
     VCI_CloseDevice(kDevType, dev_);
@@ -118,8 +120,11 @@ int XCapture::Stream() {
         return kExitFail;
     }
     std::string error;
-    if (!out_.Open(req_.fifo, false, &error) || !out_.Flush()) {
-        Complain("%s", error.empty() ? std::strerror(out_.errno_value()) : error.c_str());
+    FILE* fifo = fdopen(fifo_, "wb");
+    if (fifo) fifo_ = -1;  // the writer owns it now
+    if (!fifo || !out_.Adopt(fifo, false, &error) || !out_.Flush()) {
+        Complain("cannot write to '%s': %s", req_.fifo.c_str(),
+                 error.empty() ? std::strerror(out_.errno_value() ? out_.errno_value() : errno) : error.c_str());
         return kExitFail;
     }
     int ofd = out_.fd();
@@ -168,18 +173,23 @@ int XCapture::Run() {
                  req_.interface.c_str());
         return kExitUsage;
     }
-    std::vector<vexlo_tool::CanFilter> list;
     std::string error;
-    if (!vexlo_tool::ParseFilterList(req_.filter, &list, &error)) {
+    if (!vexlo_tool::ParseFilterList(req_.filter, &filters_, &error)) {
         Complain("capture filter: %s", error.c_str());
         return kExitUsage;
     }
-    for (const vexlo_tool::CanFilter& f : list) filters_.push_back(vexlo_tool::LibraryFilter(f));
     if (req_.fifo.empty()) {
         Complain("--capture needs --fifo PATH");
         return kExitUsage;
     }
     InstallStop();
+    // Wireshark opens the fifo for reading as it starts the program, and waits for that open to
+    // complete: open it first, so that a capture that cannot start ends Wireshark's wait too.
+    fifo_ = open(req_.fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fifo_ < 0) {
+        Complain("cannot open '%s': %s", req_.fifo.c_str(), std::strerror(errno));
+        return kExitFail;
+    }
     if (!Start()) return kExitFail;
     int status = Stream();
     std::string error2;

@@ -177,7 +177,7 @@ int main(int argc, char** argv) {
     if (action == 0 && has_filter) {
         // Wireshark checks a capture filter as it is typed: status 0 when it is good, else the
         // reason on standard output.
-        std::vector<vexlo_tool::CanFilter> list;
+        std::vector<VEXLO_FILTER> list;
         std::string error;
         if (vexlo_tool::ParseFilterList(req.filter, &list, &error)) return kExitOk;
         std::printf("%s\n", error.c_str());

@@ -20,14 +20,14 @@ bool ParseExtcapInterface(const std::string& name, unsigned* adapter, unsigned* 
     return true;
 }
 
-bool ParseFilterList(const std::string& text, std::vector<CanFilter>* out, std::string* error) {
+bool ParseFilterList(const std::string& text, std::vector<VEXLO_FILTER>* out, std::string* error) {
     out->clear();
     const char* seps = ", \t\n";
     size_t start = text.find_first_not_of(seps);
     while (start != std::string::npos) {
         size_t end = text.find_first_of(seps, start);
         std::string item = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        CanFilter f;
+        VEXLO_FILTER f;
         if (!ParseFilter(item, &f, error)) {
             *error = "bad filter '" + item + "': " + *error;
             return false;
@@ -36,16 +36,6 @@ bool ParseFilterList(const std::string& text, std::vector<CanFilter>* out, std::
         start = end == std::string::npos ? end : text.find_first_not_of(seps, end);
     }
     return true;
-}
-
-VEXLO_FILTER LibraryFilter(const CanFilter& f) {
-    VEXLO_FILTER v = {};
-    v.id = f.id & 0x1FFFFFFFu;
-    v.mask = f.mask & 0x1FFFFFFFu;
-    v.extended = static_cast<signed char>((f.mask & kEffFlag) ? (f.id & kEffFlag ? 1 : 0) : -1);
-    v.remote = static_cast<signed char>((f.mask & kRtrFlag) ? (f.id & kRtrFlag ? 1 : 0) : -1);
-    v.inverse = f.inverse ? 1 : 0;
-    return v;
 }
 
 }  // namespace vexlo_tool

@@ -20,11 +20,6 @@ bool ParseExtcapInterface(const std::string& name, unsigned* adapter, unsigned* 
 // Parses a capture filter: candump filters ("ID:MASK", "ID~MASK", see ParseFilter) separated by
 // commas or blanks; an empty text is no filter. False with the reason in *error.
 // Example: "123:7FF, 12345678:1FFFFFFF" -> two filters.
-bool ParseFilterList(const std::string& text, std::vector<CanFilter>* out, std::string* error);
-
-// A candump filter as the library's filter: the identifier bits of id and mask, and the format
-// and remote bit asked for where the mask holds kEffFlag or kRtrFlag.
-// Example: 123:C00007FF -> id 0x123, mask 0x7FF, standard (0) data frames (0) only.
-VEXLO_FILTER LibraryFilter(const CanFilter& filter);
+bool ParseFilterList(const std::string& text, std::vector<VEXLO_FILTER>* out, std::string* error);
 
 }  // namespace vexlo_tool
