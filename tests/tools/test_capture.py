@@ -66,3 +66,22 @@ def test_extcap_says_when_another_program_holds_the_adapter(tmp_path):
             'tshark -i vexlo0can1 -c 5; echo rc=$?; kill -INT $!; wait $!')
     assert "rc=0" not in p.stdout
     assert "vexlo-extcap: adapter 0 is in use by another program" in p.stderr
+
+
+def test_dump_capture_holds_the_generated_frames_with_the_text_times(tmp_path):
+    p = sim(tmp_path, ["--uncabled", "-g", "0:1000:ext", "-g", "1:1000:dlc"],
+            '"$VEXLO" dump -t a -n 200 -w d.pcap 0,1 > text && "$VEXLO" dump --nano -n 5 -w - 1 > n.pcap')
+    assert p.returncode == 0, p.stderr
+    magic, recs = records(tmp_path / "d.pcap")
+    assert (magic, records(tmp_path / "n.pcap")[0]) == (0xA1B2C3D4, 0xA1B23C4D)
+    fields = tshark_fields(tmp_path / "d.pcap", *FIELDS)
+    # Channel 0 carries the extended frames, channel 1 the standard ones, each from sequence 0.
+    got = [(int(f[0]), int(f[1]), int(f[4]), r[2][8:8 + r[2][4]]) for f, r in zip(fields, recs) if f[2:4] == ["0", "0"]]
+    ext = [g for g in got if g[1]]
+    std = [g for g in got if not g[1]]
+    assert len(got) == 200 and ext == [generated(n, "ext") for n in range(len(ext))]
+    assert std == [generated(n, "dlc") for n in range(len(std))]
+    # The text shows the same frames with the same times: (SECONDS.MICROS)  canCH  ID  [LEN]  DATA
+    text = [line.split() for line in (tmp_path / "text").read_text().splitlines()]
+    assert [(t[0], int(t[2], 16), bytes.fromhex("".join(t[4:]))) for t in text] == [
+        (f"({sec}.{frac:06d})", int(f[0]), r[2][8:8 + r[2][4]]) for f, (sec, frac, _) , r in zip(fields, recs, recs)]

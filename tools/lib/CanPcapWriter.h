@@ -34,6 +34,7 @@ public:
     bool Close(std::string* error);
 
     int errno_value() const { return errno_; }
+    bool is_open() const { return dumper_ != nullptr; }
     // The descriptor written to, -1 when closed.
     int fd() const { return dumper_ ? fileno(pcap_dump_file(dumper_)) : -1; }
 
