@@ -85,3 +85,15 @@ def test_dump_capture_holds_the_generated_frames_with_the_text_times(tmp_path):
     text = [line.split() for line in (tmp_path / "text").read_text().splitlines()]
     assert [(t[0], int(t[2], 16), bytes.fromhex("".join(t[4:]))) for t in text] == [
         (f"({sec}.{frac:06d})", int(f[0]), r[2][8:8 + r[2][4]]) for f, (sec, frac, _) , r in zip(fields, recs, recs)]
+
+
+def test_dump_capture_carries_a_notice_as_an_error_frame(tmp_path):
+    # A dump stopped for seconds at the bus ceiling: frames the adapter or the library's queue
+    # cannot keep come as a data overrun notice, an error frame of class 0x004, detail 0x01.
+    p = sim(tmp_path, ["-g", "1:0:seq0"], '"$VEXLO" dump -e -w e.pcap 1 > /dev/null & sleep 1; kill -STOP $!; '
+            'sleep 5; kill -CONT $!; sleep 1; kill -INT $!; wait $!')
+    assert "vexlo: can1:" in p.stderr
+    _, recs = records(tmp_path / "e.pcap")
+    errors = [i for i, f in enumerate(tshark_fields(tmp_path / "e.pcap", *FIELDS)) if f[3] == "1"]
+    assert errors and all(recs[i][2][:5] == bytes([0x20, 0, 0, 4, 8]) for i in errors)
+    assert recs[errors[0]][2][9] == 0x01

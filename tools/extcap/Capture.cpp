@@ -62,6 +62,7 @@ public:
 private:
     bool Start();
     int Stream();
+    int Take();
 
     CaptureRequest req_;
     unsigned dev_ = 0, ch_ = 0;
@@ -128,8 +129,9 @@ int XCapture::Stream() {
         return kExitFail;
     }
     int ofd = out_.fd();
-    std::vector<VEXLO_FRAME> buf(512);
-    while (!g_stop) {
+    // A first take also lets notices wake the descriptor.
+    int status = Take();
+    while (status < 0 && !g_stop) {
         // The fifo's descriptor with no events asked: poll reports POLLERR once its reader has
         // gone, so a silent bus still ends the capture when Wireshark stops reading.
         pollfd fds[3] = {{rfd, POLLIN, 0}, {g_stop_pipe[0], POLLIN, 0}, {ofd, 0, 0}};
@@ -138,33 +140,41 @@ int XCapture::Stream() {
             return kExitFail;
         }
         if (fds[2].revents & (POLLERR | POLLHUP)) return kExitOk;
-        if (!(fds[0].revents & POLLIN)) continue;
-        int got = vexlo_receive(dev_, ch_, buf.data(), static_cast<unsigned>(buf.size()), 0);
-        if (got == VEXLO_GONE) {
-            out_.Flush();
-            Complain("adapter %u was unplugged", dev_);
-            return kExitFail;
-        }
-        if (got < 0) {
-            Complain("cannot receive from channel %u of adapter %u", ch_, dev_);
-            return kExitFail;
-        }
-        for (int i = 0; i < got; ++i) {
-            const VEXLO_FRAME& f = buf[static_cast<size_t>(i)];
-            // Notices always go through: the capture filter selects frames.
-            bool notice = (f.flags & VEXLO_FRAME_ERROR) != 0;
-            if (!notice && exact_ != 1 &&
-                vexlo_filter_pass(filters_.data(), static_cast<unsigned>(filters_.size()), &f.frame) != 1)
-                continue;
-            out_.Write(f);
-        }
-        if (got > 0 && !out_.Flush()) {
-            if (out_.errno_value() == EPIPE) return kExitOk;  // Wireshark stopped reading
-            Complain("cannot write to '%s': %s", req_.fifo.c_str(), std::strerror(out_.errno_value()));
-            return kExitFail;
-        }
+        if (fds[0].revents & POLLIN) status = Take();
     }
-    return kExitOk;
+    return status < 0 ? kExitOk : status;
+}
+
+// Writes what the channel's queue holds into the fifo: -1 to go on, else the exit status.
+int XCapture::Take() {
+    VEXLO_FRAME buf[512];
+    int got = vexlo_receive(dev_, ch_, buf, 512, 0);
+    if (got == VEXLO_GONE) {
+        out_.Flush();
+        // Left to the system at the exit: resetting and closing a gone adapter only waits.
+        open_ = false;
+        Complain("adapter %u was unplugged", dev_);
+        return kExitFail;
+    }
+    if (got < 0) {
+        Complain("cannot receive from channel %u of adapter %u", ch_, dev_);
+        return kExitFail;
+    }
+    for (int i = 0; i < got; ++i) {
+        const VEXLO_FRAME& f = buf[i];
+        // Notices always go through: the capture filter selects frames.
+        bool notice = (f.flags & VEXLO_FRAME_ERROR) != 0;
+        if (!notice && exact_ != 1 &&
+            vexlo_filter_pass(filters_.data(), static_cast<unsigned>(filters_.size()), &f.frame) != 1)
+            continue;
+        out_.Write(f);
+    }
+    if (got > 0 && !out_.Flush()) {
+        if (out_.errno_value() == EPIPE) return kExitOk;  // Wireshark stopped reading
+        Complain("cannot write to '%s': %s", req_.fifo.c_str(), std::strerror(out_.errno_value()));
+        return kExitFail;
+    }
+    return -1;
 }
 
 int XCapture::Run() {
@@ -184,8 +194,8 @@ int XCapture::Run() {
     }
     InstallStop();
     // Wireshark opens the fifo for reading as it starts the program, and waits for that open to
-    // complete: open it first, so that a capture that cannot start ends Wireshark's wait too.
-    fifo_ = open(req_.fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    // complete: open it first (a plain file is made), so that a capture that cannot start ends Wireshark's wait too.
+    fifo_ = open(req_.fifo.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fifo_ < 0) {
         Complain("cannot open '%s': %s", req_.fifo.c_str(), std::strerror(errno));
         return kExitFail;
