@@ -11,5 +11,6 @@ int RunSend(int argc, char** argv);
 int RunGen(int argc, char** argv);
 int RunPlay(int argc, char** argv);
 int RunStat(int argc, char** argv);
+int RunServe(int argc, char** argv);
 
 }  // namespace vexlo_tool

@@ -24,6 +24,7 @@ const char kUsage[] =
     "  gen [OPTIONS] CH        generate frames\n"
     "  play [OPTIONS] FILE     replay a candump log\n"
     "  stat [OPTIONS] CH       a channel's controller status and counters\n"
+    "  serve [OPTIONS]         share the adapter over the network (socketcand protocol)\n"
     "\n"
     "'vexlo COMMAND --help' describes a command's options. --version prints the version.\n";
 
@@ -32,7 +33,8 @@ struct Command {
     int (*run)(int, char**);
 };
 const Command kCommands[] = {{"list", RunList}, {"info", RunInfo}, {"dump", RunDump}, {"send", RunSend},
-                             {"gen", RunGen},   {"play", RunPlay}, {"stat", RunStat}};
+                             {"gen", RunGen},   {"play", RunPlay}, {"stat", RunStat},
+                             {"serve", RunServe}};
 
 int Dispatch(int argc, char** argv) {
     if (argc < 2) {
