@@ -1,5 +1,6 @@
 // vexlo dump: received frames, one line each, as candump prints and logs them.
 #include <poll.h>
+#include <unistd.h>
 #include <time.h>
 
 #include <cerrno>
@@ -13,6 +14,7 @@
 #include "CanFilter.h"
 #include "CanFrameText.h"
 #include "CanLogLine.h"
+#include "CanPcapWriter.h"
 #include "CanStatusText.h"
 #include "Commands.h"
 #include "Process.h"
@@ -32,6 +34,9 @@ const char kUsage[] =
     "  -t a|d|z|A      time stamps: absolute, delta, zero-based, date\n"
     "  -L              candump log format: (SECONDS.MICROS) canCH ID#DATA\n"
     "  -f FILE         also write the log format to FILE\n"
+    "  -w FILE         also write a pcap capture to FILE (Wireshark, tshark); -w -: the capture\n"
+    "                  to standard output instead of the text\n"
+    "  --nano          nanosecond time stamps in the capture (default microseconds)\n"
     "  -n COUNT        stop after COUNT frames (1 to 1000000000000)\n"
     "  -T SECONDS      stop after SECONDS (0.001 to 2592000)\n"
     "  -e              show the adapter's notices as error frames\n"
@@ -60,6 +65,8 @@ public:
     bool errors_ = false;
     std::string file_name_;
     FILE* file_ = nullptr;
+    std::string pcap_name_;  // -w: "-" for standard output
+    XPcapWriter pcap_;
     unsigned long long count_ = 0;  // 0: no limit
     double seconds_ = 0;
 
@@ -67,9 +74,11 @@ private:
     bool Take(XAdapter* adapter, Channel* c);
     void Write(const Channel& c, const VEXLO_FRAME& f);
     std::string Stamp(uint64_t t);
+    bool CaptureFailed(bool say);
 
     unsigned long long total_ = 0;
     bool stamped_ = false;
+    bool capture_told_ = false;
     uint64_t first_ = 0, prev_ = 0;
 };
 
@@ -96,9 +105,21 @@ std::string XDump::Stamp(uint64_t t) {
     return stamp;
 }
 
+// A write of the capture failed: says why, once, unless `say` is false (the output's failure was
+// told already). Returns false.
+bool XDump::CaptureFailed(bool say) {
+    if (say && !capture_told_) {
+        std::string name = pcap_name_ == "-" ? "the output" : "'" + pcap_name_ + "'";
+        Complain("cannot write %s: %s", name.c_str(), std::strerror(pcap_.errno_value()));
+    }
+    capture_told_ = true;
+    return false;
+}
+
 // The one place a received frame or error frame is written, to standard output and the log file.
 void XDump::Write(const Channel& c, const VEXLO_FRAME& f) {
     bool error = (f.flags & VEXLO_FRAME_ERROR) != 0;
+    if (pcap_.is_open()) pcap_.Write(f);
     std::string line;
     if (log_ || file_) {
         line = FormatLogLine(f.host_us, c.name, f.frame, error);
@@ -109,6 +130,7 @@ void XDump::Write(const Channel& c, const VEXLO_FRAME& f) {
             return;
         }
     }
+    if (pcap_name_ == "-") return;  // standard output holds the capture
     line = Stamp(f.host_us) + FormatFrameLine(c.name, f.frame, error);
     if (error) line += "\n\t" + ErrorFrameText(f.frame);
     line.push_back('\n');
@@ -181,6 +203,7 @@ int XDump::Run() {
             Complain("cannot write '%s': %s", file_name_.c_str(), std::strerror(errno));
             ok = false;
         }
+        if (pcap_.is_open() && !pcap_.Flush()) ok = CaptureFailed(ok);
     }
     if (!ok) status = kExitFail;
     // The summary: what was shown, what the library queued and what it lost for want of room.
@@ -195,6 +218,7 @@ int XDump::Run() {
                  st.rx_frames, st.rx_lost, overruns.c_str());
         if (st.rx_lost || st.notices[0]) status = kExitFail;
     }
+    if (pcap_.is_open() && !pcap_.Close(nullptr)) status = CaptureFailed(true) ? status : kExitFail;
     FILE* file = file_;
     file_ = nullptr;
     if (file && std::fclose(file) != 0) {
@@ -209,9 +233,12 @@ int XDump::Run() {
 int RunDump(int argc, char** argv) {
     XDump d;
     double count = 0;
-    bool has_file = false;
-    OwnOptions own = {"t:Lf:n:T:e", nullptr, [&](int code, const char* v) {
+    bool has_file = false, nano = false;
+    static const option kLongs[] = {{"nano", no_argument, nullptr, 0x200}, {nullptr, 0, nullptr, 0}};
+    OwnOptions own = {"t:Lf:n:T:ew:", kLongs, [&](int code, const char* v) {
                           switch (code) {
+                          case 'w': d.pcap_name_ = v; return true;
+                          case 0x200: nano = true; return true;
                           case 'L': d.log_ = true; return true;
                           case 'e': d.errors_ = true; return true;
                           case 'n': return TakeNumber("-n", v, 1, 1e12, true, &count);
@@ -248,7 +275,11 @@ int RunDump(int argc, char** argv) {
         c.filters = cf.filters;
         d.chans_.push_back(c);
     }
-    // The log file is part of the command line: one that cannot be written is refused up front.
+    if (d.log_ && d.pcap_name_ == "-") {
+        Complain("-L and -w - both want standard output");
+        return kExitUsage;
+    }
+    // The capture and the log file are part of the command line: one that cannot be written is refused up front.
     if (has_file) {
         d.file_ = d.file_name_.empty() ? nullptr : std::fopen(d.file_name_.c_str(), "w");
         if (!d.file_) {
@@ -257,6 +288,22 @@ int RunDump(int argc, char** argv) {
             return kExitUsage;
         }
         setvbuf(d.file_, nullptr, _IOFBF, 1 << 16);
+    }
+    if (!d.pcap_name_.empty()) {
+        // Standard output through a descriptor of the capture's own, which it closes at the end.
+        bool opened;
+        if (d.pcap_name_ == "-") {
+            int fd = dup(1);
+            FILE* out = fd >= 0 ? fdopen(fd, "wb") : nullptr;
+            if (!out && fd >= 0) close(fd);
+            opened = out && d.pcap_.Adopt(out, nano, &error);
+        } else {
+            opened = d.pcap_.Open(d.pcap_name_, nano, &error);
+        }
+        if (!opened) {
+            Complain("%s", error.empty() ? "cannot write the output" : error.c_str());
+            return kExitUsage;
+        }
     }
     return d.Run();
 }
