@@ -1,4 +1,5 @@
-// Decoding and queueing on one core: whole 53-record messages through CanDev::Recv, as the event
+// Decoding and queueing on one core: whole 53-record messages through CanDev::Recv (the host clock
+// read once per message and each frame's host time mapped from its stamp included), as the event
 // thread hands them over, into the channel rings; also with the receive readiness descriptor.
 #include <benchmark/benchmark.h>
 

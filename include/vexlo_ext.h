@@ -32,12 +32,18 @@ typedef struct {
 } VEXLO_STATS;
 
 /* A file descriptor that polls readable (POLLIN) while the channel's receive queue holds at least
- * one frame, for poll, select or epoll beside the application's other descriptors. Made on the
- * first call (later calls return the same one); owned by the library and valid until the device
- * is closed, which also wakes a thread still waiting on it; never close or read it. It becomes
- * unreadable when VCI_Receive or VCI_ClearBuffer leaves the queue empty. A readable state may be
- * spurious (VCI_Receive then finds nothing, after its usual 10 ms pause: poll again); a frame is
- * never missed. Returns -1 for a bad index or channel, or a device that is not open. */
+ * one frame, for poll, select or epoll beside the application's other descriptors; also once the
+ * adapter has been unplugged (for good), and, once vexlo_receive has been called on the channel,
+ * while a notice waits for it (a program that only uses VCI_Receive never sees notices here).
+ * Made on the first call (later calls return the same one); owned by the library: never close or
+ * read it. It becomes unreadable when VCI_Receive, vexlo_receive or VCI_ClearBuffer leaves nothing
+ * waiting. A readable state may be spurious (VCI_Receive then finds nothing, after its usual 10 ms
+ * pause: poll again); a frame is never missed.
+ * VCI_CloseDevice leaves it open and readable, so that a thread waiting on it in poll, select or
+ * epoll wakes; the library closes it when the same device index is opened again, or when more than
+ * 8 descriptors of closed devices are waiting to be closed (the oldest first). Take it out of your
+ * epoll set once the device is closed.
+ * Returns -1 for a bad index or channel, or a device that is not open. */
 VEXLO_API int vexlo_receive_fd(unsigned int DevIndex, unsigned int CANIndex);
 
 /* Fills `stats` (up to stats->size bytes, whole fields only) with the channel's counters; 1 on
@@ -83,8 +89,11 @@ typedef struct {
  * completion and maps the adapter's own stamps onto it, so a frame's time is never later than the
  * completion that brought it, never decreases on a channel, stays right across the adapter
  * counter's wrap and days of silence, and frames of one completion keep the adapter's spacing.
+ * (The one exception: when the host's clock is stepped back by more than a second, the times
+ * start again from it.)
  * Error frames (see VEXLO_FRAME) come only through this call; once it has been called on a
- * channel, a notice also makes the readiness descriptor readable.
+ * channel, a notice also makes the readiness descriptor readable. Up to 64 notices wait per
+ * channel; later ones are dropped, with a warning line, until the call takes them.
  * Returns the number of frames taken (0 when none came in time), VEXLO_GONE when the queue is
  * empty and the adapter has been unplugged, -1 for bad arguments or a device that is not open.
  * Like every call, it must not run while another thread closes the device: a program that waits

@@ -1,7 +1,8 @@
 # Debian packages with CPack (cpack -G DEB in the build tree; scripts/package.sh does it all):
 #   libvexlo1          component runtime: the shared library
 #   libvexlo-dev       component dev: headers, the unversioned link, vexlo.pc, the CMake package, vexlo(3)
-#   vexlo-tools        component tools: vexlo-sim and the command-line tools, the udev rule, their pages
+#   vexlo-tools        component tools: vexlo-sim and the command-line tools, Wireshark's capture
+#                      program vexlo-extcap, the udev rule, their pages
 #   python3-vexlo-can  component python: the python-can interface, when python/ is part of the build
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vexlo)
@@ -72,8 +73,9 @@ vexlo drives the two-channel USB-to-CAN adapter with USB identifier
 .
 This package contains vexlo-sim, which runs any program against simulated
 adapters so that CAN applications can be developed and tested without
-hardware, the command-line tools, and a udev rule that gives the user at the
-seat and members of the plugdev group access to the adapter.")
+hardware, the command-line tools, vexlo-extcap, which makes each CAN channel
+a capture interface of Wireshark and tshark, and a udev rule that gives the
+user at the seat and members of the plugdev group access to the adapter.")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-vexlo-can)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)

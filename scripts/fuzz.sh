@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Fuzzes the reception path with libFuzzer (clang; the library code is coverage-instrumented too)
-# under the address and undefined-behaviour sanitizers. The committed corpus is replayed first.
-# Arguments go to libFuzzer; default: 10 million runs from the committed corpus, new inputs kept in
-# build-fuzz/corpus. Any finding fails.
+# Fuzzes with libFuzzer (clang; the code under test is coverage-instrumented too) under the address
+# and undefined-behaviour sanitizers: the reception path (fuzz_recv, corpus fuzz/corpus), the
+# serial-line CAN session (fuzz_slcan, corpus fuzz/corpus_slcan) and the server's socketcand
+# commands (fuzz_serve, corpus fuzz/corpus_serve). Each committed corpus is replayed
+# first. Arguments go to libFuzzer; default: 10 million runs of each target, new inputs kept in
+# build-fuzz/. A -max_total_time is shared out: the reception path gets 60%, the others 20% each. Any
+# finding fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -11,10 +14,22 @@ for p in clang libclang-rt-14-dev; do
 done
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DVEXLO_FUZZ=ON -DVEXLO_SIM=OFF -DVEXLO_BENCH=OFF \
   -DVEXLO_TESTS=OFF -DVEXLO_SANITIZE=address,undefined,fuzzer-no-link -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build-fuzz -j2 --target fuzz_recv
-mkdir -p build-fuzz/corpus
-# First every committed input once, on its own: a finding there fails before any fuzzing.
-build-fuzz/fuzz/fuzz_recv fuzz/corpus/* >build-fuzz/replay.log 2>&1 || { cat build-fuzz/replay.log; exit 1; }
-echo "fuzz: corpus replayed ($(ls fuzz/corpus | wc -l) inputs)"
+cmake --build build-fuzz -j2 --target fuzz_recv fuzz_slcan fuzz_serve
 [ $# -gt 0 ] || set -- -runs=10000000
-exec build-fuzz/fuzz/fuzz_recv build-fuzz/corpus fuzz/corpus "$@"
+# run TARGET CORPUS SHARE: replays the committed corpus, each input once on its own (a finding there
+# fails before any fuzzing), then fuzzes with the arguments, a -max_total_time cut to SHARE percent.
+run() {
+  local target=$1 corpus=$2 share=$3 args=() a
+  for a in "${ARGS[@]}"; do
+    case $a in -max_total_time=*) a="-max_total_time=$(( (${a#*=} * share + 99) / 100 ))" ;; esac
+    args+=("$a")
+  done
+  build-fuzz/fuzz/$target "$corpus"/* >build-fuzz/replay-$target.log 2>&1 || { cat build-fuzz/replay-$target.log; exit 1; }
+  echo "fuzz: $target: corpus replayed ($(ls "$corpus" | wc -l) inputs)"
+  mkdir -p build-fuzz/$(basename "$corpus")
+  build-fuzz/fuzz/$target build-fuzz/$(basename "$corpus") "$corpus" "${args[@]}"
+}
+ARGS=("$@")
+run fuzz_recv fuzz/corpus 60
+run fuzz_slcan fuzz/corpus_slcan 20
+run fuzz_serve fuzz/corpus_serve 20

@@ -64,6 +64,6 @@ timed "normal build" suite build
 timed "memcheck" memcheck
 timed "address+undefined sanitizers" suite build-asan -DVEXLO_SANITIZE=address,undefined -DVEXLO_BENCH=OFF
 timed "thread sanitizer" suite build-tsan -DVEXLO_SANITIZE=thread -DVEXLO_BENCH=OFF
-# The fuzz target replays its corpus, then fuzzes for a minute; any finding fails.
+# The fuzz targets replay their corpora, then fuzz for a minute in all; any finding fails.
 timed "fuzzing" bash scripts/fuzz.sh -max_total_time=60
 echo "== all passed in $SECONDS s"

@@ -30,10 +30,13 @@ CanDev::CanDev()
       cache_(CAN_CACHE_SIZE, 0),
       cachelen_(0),
       badmsgs_(0),
+      gone_(false),
+      index_(kNoIndex),
       closing_(false),
       closed_(false) {
     XDBG(XLOG_GENERAL, "+++\n");
     memset(err_, 0, sizeof(err_));
+    for (int ch = 0; ch < 2; ++ch) ready_[ch].Bind(&notes_[ch], &gone_);
     xfers_[CAN_XFER_CMD_OUT].Init(this, 0x01, 0);
     xfers_[CAN_XFER_CMD_IN].Init(this, 0x81, 64);
     xfers_[CAN_XFER_DATA_OUT].Init(this, 0x02, 0);
@@ -214,6 +217,10 @@ void CanDev::Close() {
         handle_ = nullptr;
     }
     closed_ = true;
+    // Left readable rather than closed, so that a waiter in epoll wakes too (CanReady.h).
+    if (index_ != kNoIndex) {
+        for (CanReady& r : ready_) r.Retire(index_);
+    }
     XDBG(XLOG_GENERAL, "---\n");
 }
 
@@ -236,8 +243,15 @@ CanDev* CanDev::FindDevice(unsigned int index) {
 }
 
 void CanDev::AddDevice(unsigned int index, CanDev* dev) {
+    CanReady::Reopened(index);
+    dev->index_ = index;
     XLock guard(&devlck_);
     devmap_.insert(std::make_pair(index, dev));
+}
+
+void CanDev::Unplugged() {
+    if (gone_.exchange(true)) return;
+    for (CanReady& r : ready_) r.Gone();
 }
 
 void CanDev::DelDevice(unsigned int index) {

@@ -23,7 +23,9 @@
 #include <vector>
 
 #include "CanAcks.h"
+#include "CanClock.h"
 #include "CanFifo.h"
+#include "CanNotes.h"
 #include "CanReady.h"
 #include "CanStats.h"
 #include "CanWire.h"
@@ -79,6 +81,9 @@ public:
     // True while any of the four transfers is submitted and its completion not yet delivered.
     bool AnyInFlight();
 
+    // A transfer found the adapter gone: raises gone_ and makes both descriptors readable.
+    void Unplugged();
+
     libusb_device_handle* handle_;
     bool claimed_;
     XThread usbthread_;
@@ -94,6 +99,15 @@ public:
     CanStats stats_[2];
     CanReady ready_[2];
     std::atomic<U64> badmsgs_;
+    // Host time of received records (reception path only) and, per channel, the notices in order
+    // among the frames, for vexlo_receive.
+    CanClock clock_;
+    CanNotes notes_[2];
+    // Raised, never lowered, once a transfer completed with no device: the adapter was unplugged.
+    std::atomic<bool> gone_;
+    // The device index it is registered under (AddDevice); kNoIndex until then.
+    enum : unsigned { kNoIndex = ~0u };
+    unsigned index_;
     // Raised by Close before it cancels: no transfer of this device is armed again afterwards.
     // Set and tested under each transfer's lock together with its cancellation or submission.
     std::atomic<bool> closing_;

@@ -88,6 +88,7 @@ void CanDev::UsbXferDone(CanXfer* xfer) {
             {
                 XLock guard(xfer);
                 tried = Arm(xfer, &r);
+                if (r == LIBUSB_ERROR_NO_DEVICE) Unplugged();
                 if (!tried || r != 0) xfer->SetInFlight(false);
             }
             if (tried) {
@@ -104,6 +105,9 @@ void CanDev::UsbXferDone(CanXfer* xfer) {
         // A failed transfer wakes nobody: a waiting exchange ends by its own timeout. It is not
         // re-armed; only the end of its flight is recorded, for Close.
         XWRN("xfer failed: ep=0x%02x, status=%d, size=%d\n", ep, status, size);
+        // The application learns of an unplug through its descriptors, vexlo_present and
+        // vexlo_receive; the VCI_* calls go on failing by their timeouts.
+        if (status == LIBUSB_TRANSFER_NO_DEVICE) Unplugged();
         XLock guard(xfer);
         xfer->SetInFlight(false);
     }

@@ -7,6 +7,6 @@ static unsigned int CanFifoFloorPow2(unsigned int n) {
     return p;
 }
 
-CanFifo::CanFifo(unsigned int cap) : buf_(CanFifoFloorPow2(cap)), wr_(0), rdseen_(0), rd_(0), wrseen_(0), cap_(CanFifoFloorPow2(cap)) {}
+CanFifo::CanFifo(unsigned int cap) : buf_(CanFifoFloorPow2(cap)), host_(CanFifoFloorPow2(cap)), wr_(0), rdseen_(0), rd_(0), wrseen_(0), cap_(CanFifoFloorPow2(cap)) {}
 
 CanFifo::~CanFifo() {}

@@ -5,6 +5,9 @@
 // Push publishes wr_ with release after the slot copy; Pop publishes rd_ with release after its
 // copy; each side loads the other's counter with acquire. A full ring refuses new frames: the
 // oldest frames win.
+//
+// Beside each slot the ring keeps the frame's host time of reception (host_), written with the
+// slot before wr_ is published; VCI_Receive's Pop leaves it, vexlo_receive's takes it too.
 #pragma once
 
 #include <atomic>
@@ -27,13 +30,14 @@ public:
 
     // Each side keeps its last reading of the other side's counter and loads the shared one
     // only when that reading says full (or empty): the common case touches no other cache line.
-    int Push(const CAN_OBJ* obj) {
+    int Push(const CAN_OBJ* obj, U64 host_us = 0) {
         U32 wr = wr_.load(std::memory_order_relaxed);
         if (wr - rdseen_ >= cap_) {
             rdseen_ = rd_.load(std::memory_order_acquire);
             if (wr - rdseen_ >= cap_) return 0;
         }
         buf_[wr & (cap_ - 1)] = *obj;
+        host_[wr & (cap_ - 1)] = host_us;
         wr_.store(wr + 1, std::memory_order_release);
         return 1;
     }
@@ -48,6 +52,30 @@ public:
         rd_.store(rd + 1, std::memory_order_release);
         return 1;
     }
+
+    // Pop with the frame's host time.
+    int Pop(CAN_OBJ* obj, U64* host_us) {
+        U32 rd = rd_.load(std::memory_order_relaxed);
+        if (wrseen_ == rd) {
+            wrseen_ = wr_.load(std::memory_order_acquire);
+            if (wrseen_ == rd) return 0;
+        }
+        *obj = buf_[rd & (cap_ - 1)];
+        *host_us = host_[rd & (cap_ - 1)];
+        rd_.store(rd + 1, std::memory_order_release);
+        return 1;
+    }
+
+    // Producer, filling several slots before publishing them at once: whether the slot of write
+    // count `wr` is free; the slot and its host time; then Publish with the count after the last.
+    bool Room(U32 wr) {
+        if (wr - rdseen_ < cap_) return true;
+        rdseen_ = rd_.load(std::memory_order_acquire);
+        return wr - rdseen_ < cap_;
+    }
+    CAN_OBJ* Slot(U32 wr) { return &buf_[wr & (cap_ - 1)]; }
+    U64* HostSlot(U32 wr) { return &host_[wr & (cap_ - 1)]; }
+    void Publish(U32 wr) { wr_.store(wr, std::memory_order_release); }
 
     // Producer only: the depth now when it exceeds `peak`, else `peak`. The stale reading of rd_
     // overstates the depth, so rd_ itself is loaded only when that overstatement passes `peak`.
@@ -71,6 +99,7 @@ public:
     }
 
     std::vector<CAN_OBJ> buf_;
+    std::vector<U64> host_;
     alignas(64) std::atomic<U32> wr_;
     U32 rdseen_;  // producer's last reading of rd_
     alignas(64) std::atomic<U32> rd_;

@@ -1,4 +1,5 @@
-// Receive readiness: the eventfd of one channel and the two sides that keep it in step with the ring.
+// Receive readiness: the eventfd of one channel and the sides that keep it in step with the ring,
+// the notices and the unplug flag.
 //
 // Why no frame is ever missed. Write P for the producer (the reception path; one at a time) and C
 // for a consumer (an application call holding CanDev::fifolck_; one at a time). The only thing that
@@ -25,12 +26,35 @@
 //   (order step between) and writes if a frame waits.
 // A producer write that comes after the consumer took the frame is the spurious readable state that
 // level semantics allows; the next VCI_Receive that finds the ring empty clears it.
+//
+// Notices and the unplug. P, after a message that recorded a notice, and the dispatch that learns
+// of an unplug (G), follow the same pattern with a simpler test:
+//
+//   P, notice:  store the notice (notes wr) | order | load fd_, armed_ | armed: write
+//   G, unplug:  store gone_                 | order | load fd_         | write
+//   C*, Reset:  ... read efd                | order | load notes, armed_, gone_ | pending: write
+//
+// Suppose a notice waits (armed_ set) or gone_ is set once everything has settled, yet the
+// counter is 0. If C*'s loads saw it, C* wrote after its read. Otherwise they missed the producer's
+// store, so C*'s order step came first and the producer's loads see fd_ and armed_ as C* left them;
+// the producer writes, and after C*'s read by the eventfd argument above. That needs armed_ set
+// before C*'s order step: armed_ only goes from false to true, in Arm, with an order step, by a
+// vexlo_receive call that then takes what waits under the same lock. A notice whose producer's
+// order step came after the Arm's sees armed_ and writes; one whose order step came before it is
+// seen by the call's own take, which resets only when nothing waits. Fd() looks at all three after
+// publishing fd_. Nothing stores gone_ or armed_ back.
 #include "CanReady.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <deque>
+#include <utility>
+
+// Retired descriptors, oldest first, with their device index.
+static XLock g_retired_lock;
+static std::deque<std::pair<unsigned, int>> g_retired;
 
 CanReady::~CanReady() {
     int fd = fd_.load(std::memory_order_relaxed);
@@ -38,6 +62,30 @@ CanReady::~CanReady() {
     // A thread still blocked in poll() wakes and finds the device closed rather than waiting on.
     Signal(fd);
     close(fd);
+}
+
+void CanReady::Retire(unsigned index) {
+    int fd = fd_.exchange(-1, std::memory_order_relaxed);
+    if (fd < 0) return;
+    Signal(fd);
+    XLock guard(&g_retired_lock);
+    g_retired.emplace_back(index, fd);
+    while (g_retired.size() > kRetired) {
+        close(g_retired.front().second);
+        g_retired.pop_front();
+    }
+}
+
+void CanReady::Reopened(unsigned index) {
+    XLock guard(&g_retired_lock);
+    for (auto it = g_retired.begin(); it != g_retired.end();) {
+        if (it->first == index) {
+            close(it->second);
+            it = g_retired.erase(it);
+        } else {
+            ++it;
+        }
+    }
 }
 
 int CanReady::Fd(CanFifo* fifo) {
@@ -50,7 +98,7 @@ int CanReady::Fd(CanFifo* fifo) {
     }
     fd_.store(fd, std::memory_order_relaxed);
     Order();
-    if (fifo->Size() != 0) Signal(fd);
+    if (Pending(fifo)) Signal(fd);
     return fd;
 }
 
@@ -63,5 +111,5 @@ void CanReady::Reset(int fd, CanFifo* fifo) {
     eventfd_t v;
     eventfd_read(fd, &v);  // EAGAIN when it was not readable: nothing to clear
     Order();
-    if (fifo->wr_.load(std::memory_order_relaxed) != fifo->rd_.load(std::memory_order_relaxed)) Signal(fd);
+    if (Pending(fifo)) Signal(fd);
 }

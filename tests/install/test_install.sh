@@ -15,7 +15,8 @@ if [ "$mode" = prefix ]; then
   p=$work/p && rm -rf "$p" cm* && cmake --install "$build" --prefix "$p" >/dev/null
   for f in $libdir/libvexlo.so.1.0.0 $libdir/libvexlo.so.1 $libdir/libvexlo.so include/vexlo.h include/vexlo_ext.h \
     $libdir/pkgconfig/vexlo.pc $libdir/cmake/vexlo/vexloConfigVersion.cmake bin/vexlo-sim \
-    lib/udev/rules.d/70-vexlo.rules share/man/man1/vexlo-sim.1.gz share/man/man3/vexlo.3.gz; do
+    lib/udev/rules.d/70-vexlo.rules share/man/man1/vexlo-sim.1.gz share/man/man3/vexlo.3.gz \
+    $libdir/wireshark/extcap/vexlo-extcap share/man/man1/vexlo-extcap.1.gz; do
     [ -e "$p/$f" ] || fail "not installed: $f"
   done
   ! (cd "$p" && find . | grep -E 'test|bench|fuzz|demo') || fail "installed from tests, benchmarks or the demo"
@@ -40,7 +41,8 @@ else
     [libvexlo-dev]="usr/include/vexlo.h usr/include/vexlo_ext.h $ma/libvexlo.so $ma/pkgconfig/vexlo.pc
                     $ma/cmake/vexlo/vexloConfig.cmake $ma/cmake/vexlo/vexloConfigVersion.cmake usr/share/man/man3/vexlo.3.gz"
     [vexlo-tools]="usr/bin/vexlo-sim usr/lib/udev/rules.d/70-vexlo.rules usr/share/man/man1/vexlo-sim.1.gz
-                   usr/bin/vexlo usr/share/man/man1/vexlo.1.gz usr/share/bash-completion/completions/vexlo")
+                   usr/bin/vexlo usr/share/man/man1/vexlo.1.gz usr/share/bash-completion/completions/vexlo
+                   $ma/wireshark/extcap/vexlo-extcap usr/share/man/man1/vexlo-extcap.1.gz")
   for pkg in "${!want[@]}"; do
     list=$(dpkg-deb -c debs/"$pkg"_*.deb | awk '{print substr($6, 3)}')
     for f in ${want[$pkg]} usr/share/doc/$pkg/copyright usr/share/doc/$pkg/changelog.Debian.gz; do

@@ -1,7 +1,7 @@
 // The pure pieces of the vexlo command, one table per concern.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <vector>
 
 #include "CanBitRate.h"
@@ -9,8 +9,7 @@
 #include "CanFrameText.h"
 #include "CanLogLine.h"
 #include "CanStatusText.h"
-#include "CanTimeStamp.h"
-#include "model/SimFilter.h"
+#include "CanNumber.h"
 
 using namespace vexlo_tool;
 
@@ -58,38 +57,36 @@ TEST(CanFmt, frame_text_both_ways) {
     }
 }
 
-TEST(CanFmt, bit_rate_to_timing_and_back) {
+TEST(CanFmt, numbers_and_bit_rates_as_typed) {
     struct Row {
         const char* text;
-        int b0 = 0, b1 = 0;           // -1: refused
-        const char* error = nullptr;  // message when refused
+        double min, max;
+        bool whole;
+        double value;  // -1: refused
     };
     const Row rows[] = {
-        {"1M", 0x00, 0x14}, {"800k", 0x00, 0x16}, {"500k", 0x00, 0x1C}, {"250k", 0x01, 0x1C},
-        {"125k", 0x03, 0x1C}, {"100k", 0x04, 0x1C}, {"50k", 0x09, 0x1C}, {"20k", 0x18, 0x1C},
-        {"10k", 0x31, 0x1C},
-        {"83.333k", 0x03, 0x6F},  // 24 quanta of 4 prescaled clocks, segments 16 and 7
-        {"950k", -1, -1, "bit rate 950000 cannot be reached within 1% at 16 MHz; nearest rates: 888889, 1000000"},
-        {"2M", -1, -1, "bit rate 2000000 cannot be reached within 1% at 16 MHz; nearest rates: 1000000"},
-        {"4000", -1, -1, "bit rate 4000 cannot be reached within 1% at 16 MHz; nearest rates: 5000"},
+        {"12", 1, 100, true, 12},      {"0.5", 0, 10, false, 0.5}, {".25", 0, 1, false, 0.25},
+        {"100", 1, 100, true, 100},    {"101", 1, 100, true, -1},  {"0", 1, 100, true, -1},
+        {"1.5", 0, 10, true, -1},      {"", 0, 10, false, -1},     {"1.2.3", 0, 10, false, -1},
+        {" 5", 0, 10, false, -1},      {"0x10", 0, 100, false, -1}, {"nan", 0, 10, false, -1},
     };
     for (const Row& r : rows) {
-        SCOPED_TRACE(r.text);
-        unsigned rate = 0;
-        ASSERT_TRUE(ParseBitRate(r.text, &rate));
-        unsigned char b0 = 0, b1 = 0;
-        std::string error;
-        ASSERT_EQ(TimingForRate(rate, &b0, &b1, &error), r.b0 >= 0);
-        if (r.b0 < 0) {
-            EXPECT_EQ(error, r.error);
-            continue;
-        }
-        EXPECT_EQ(b0, r.b0);
-        EXPECT_EQ(b1, r.b1);
-        EXPECT_NEAR(RateForTiming(b0, b1), rate, rate * 0.0001);
+        double v = -1;
+        std::string range;
+        EXPECT_EQ(ParseBounded(r.text, r.min, r.max, r.whole, &v, &range), r.value >= 0) << r.text;
+        EXPECT_EQ(v, r.value) << r.text;
     }
-    unsigned rate = 0;
-    for (const char* bad : {"fast", "0", "500x", ""}) EXPECT_FALSE(ParseBitRate(bad, &rate)) << bad;
+
+    struct Rate {
+        const char* text;
+        unsigned rate;  // 0: refused
+    };
+    for (const Rate& r : {Rate{"1M", 1000000}, Rate{"83.333k", 83333}, Rate{"47619", 47619}, Rate{"800K", 800000},
+                          Rate{"fast", 0}, Rate{"0", 0}, Rate{"500x", 0}, Rate{"", 0}, Rate{"1e6", 0}, Rate{"101M", 0}}) {
+        unsigned rate = 0;
+        EXPECT_EQ(ParseBitRate(r.text, &rate), r.rate != 0) << r.text;
+        EXPECT_EQ(rate, r.rate) << r.text;
+    }
     unsigned char b0 = 0, b1 = 0;
     EXPECT_TRUE(ParseTimingBytes("03:1c", &b0, &b1));
     EXPECT_EQ(b0 * 256 + b1, 0x031C);
@@ -111,26 +108,30 @@ CAN_OBJ Frame(unsigned id, bool ext, bool rtr) {
 
 }  // namespace
 
-TEST(CanFmt, filters_and_acceptance_fit) {
-    // Software filters: which of four frames pass.
-    const CAN_OBJ probe[] = {Frame(0x123, false, false), Frame(0x124, false, false),
-                             Frame(0x1000123, true, false), Frame(0x123, false, true)};
-    struct Pass {
-        const char* filter;
-        bool pass[4];
+TEST(CanFmt, candump_filters_into_library_filters) {
+    struct Row {
+        const char* text;
+        unsigned id, mask;
+        int extended, remote, inverse;
     };
-    const Pass passes[] = {
-        {"123:7FF", {true, false, true, true}},    {"123:C00007FF", {true, false, false, false}},
-        {"123~7FF", {false, true, false, false}},  {"01000123:1FFFFFFF", {false, false, true, false}},
-        {"0:0", {true, true, true, true}},
+    const Row rows[] = {
+        {"123:7FF", 0x123, 0x7FF, -1, -1, 0},
+        {"123:C00007FF", 0x123, 0x7FF, 0, 0, 0},
+        {"40000123:C00007FF", 0x123, 0x7FF, 1, 1, 0},  // 8 digits: extended, as in candump
+        {"12345678:9FFFFFFF", 0x12345678, 0x1FFFFFFF, 1, -1, 0},
+        {"12345678:1FFFFFFF", 0x12345678, 0x1FFFFFFF, -1, -1, 0},
+        {"80000123:80000000", 0x123, 0, 1, -1, 0},
+        {"123~7FF", 0x123, 0x7FF, -1, -1, 1},
     };
-    for (const Pass& p : passes) {
-        CanFilter f;
+    for (const Row& r : rows) {
+        VEXLO_FILTER f;
         std::string error;
-        ASSERT_TRUE(ParseFilter(p.filter, &f, &error)) << p.filter;
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(FilterPasses({f}, probe[i]), p.pass[i]) << p.filter << " frame " << i;
+        ASSERT_TRUE(ParseFilter(r.text, &f, &error)) << r.text;
+        EXPECT_EQ(std::vector<int>({int(f.id), int(f.mask), f.extended, f.remote, f.inverse}),
+                  std::vector<int>({int(r.id), int(r.mask), r.extended, r.remote, r.inverse}))
+            << r.text;
     }
-    CanFilter bad;
+    VEXLO_FILTER bad;
     std::string error;
     for (const char* text : {"123", "12Z:7FF", "123:123456789"}) EXPECT_FALSE(ParseFilter(text, &bad, &error)) << text;
     // The channel list of a dump: channels, their filters, and what is refused.
@@ -139,94 +140,8 @@ TEST(CanFmt, filters_and_acceptance_fit) {
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0].channel * 10 + list[0].filters.size(), 10u);
     EXPECT_EQ(list[1].channel * 10 + list[1].filters.size(), 2u);
-    EXPECT_TRUE(list[1].filters[1].inverse);
+    EXPECT_EQ(list[1].filters[1].inverse, 1);
     for (const char* text : {"2", "123:7FF,0", "0,", "0:1:2:3"}) EXPECT_FALSE(ParseChannelList(text, &list, &error)) << text;
-
-    // The acceptance filter: the settings, then against the controller's model (SimFilter), every
-    // frame the filters pass is accepted, and of the selected type nothing else.
-    struct Fit {
-        std::vector<const char*> filters;
-        bool fits = false, single = false;
-        uint32_t code = 0, mask = 0;
-        int type = 0;  // frames compared exactly: 0 standard, 1 extended, 2 both
-    };
-    const Fit fits[] = {
-        {{}, true, false, 0, 0xFFFFFFFF, 2},
-        {{"0:0", "123:7FF"}, true, false, 0, 0xFFFFFFFF, 2},
-        {{"123:C00007FF"}, true, true, 0x24600000, 0x000FFFFF, 0},
-        {{"123:C00007FF", "456:C00007FF"}, true, false, 0x24608AC0, 0x000F000F, 0},
-        {{"12345678:9FFFFFFF"}, true, true, 0x91A2B3C0, 0x00000007, 1},
-        {{"12340000:9FFFE000", "0ABC0000:9FFFE000"}, true, false, 0x91A055E0, 0, 1},
-        {{"123:7FF"}, false},
-        {{"123~C00007FF"}, false},
-        {{"12345678:9FFFFFFF", "12345679:9FFFFFFF"}, false},
-        {{"1:C00007FF", "2:C00007FF", "3:C00007FF"}, false},
-    };
-    for (const Fit& fit : fits) {
-        std::vector<CanFilter> filters;
-        std::vector<uint32_t> ids = {0, 0x7FF, 0x1FFFFFFF};
-        for (const char* text : fit.filters) {
-            CanFilter f;
-            ASSERT_TRUE(ParseFilter(text, &f, &error));
-            filters.push_back(f);
-            for (uint32_t flip : {0u, 1u, 0x400u, 0x2000u, 0x10000000u}) ids.push_back((f.id & 0x1FFFFFFF) ^ flip);
-        }
-        std::string name = fit.filters.empty() ? "none" : fit.filters[0];
-        AcceptanceFilter af;
-        ASSERT_EQ(FitAcceptance(filters, &af), fit.fits) << name;
-        if (!fit.fits) {
-            EXPECT_EQ(af.mask, 0xFFFFFFFFu) << name;
-            continue;
-        }
-        EXPECT_EQ(af.single, fit.single) << name;
-        EXPECT_EQ(af.code, fit.code) << name;
-        EXPECT_EQ(af.mask, fit.mask) << name;
-        vexlo_sim::SimFilter hw;
-        hw.Set(af.code, af.mask, af.single);
-        for (uint32_t id : ids) {
-            for (int ext = 0; ext < 2; ++ext) {
-                for (int rtr = 0; rtr < 2; ++rtr) {
-                    CAN_OBJ f = Frame(ext ? id : id & 0x7FF, ext, rtr);
-                    vexlo_sim::SimFrame s;
-                    s.id = f.Id;
-                    s.ext = ext;
-                    s.rtr = rtr;
-                    s.dlc = 2;
-                    memcpy(s.data, f.Data, 2);
-                    bool soft = FilterPasses(filters, f), hard = hw.Accepts(s);
-                    if (soft || fit.type == 2 || fit.type == ext) {
-                        EXPECT_EQ(hard, soft) << name << " id " << std::hex << f.Id << " ext " << ext;
-                    }
-                }
-            }
-        }
-    }
-}
-
-TEST(CanFmt, time_stamps_across_wrap_and_drift) {
-    const uint64_t H = 1700000000000000ull;
-    struct Step {
-        uint32_t stamp;
-        uint64_t host, expect;
-    };
-    const std::vector<std::vector<Step>> runs = {
-        // across the wrap: 32 ticks later, read 1.8 ms late, 3 us of slew
-        {{0xFFFFFFF0u, H, H}, {0x10u, H + 5000, H + 3203}},
-        // a fast adapter clock: 1 s of stamps in 0.999 s of host time, held at the host time
-        {{0, H, H}, {10000, H + 999000, H + 999000}, {20000, H + 1998000, H + 1998000}},
-        // a slow adapter clock: 1 s of stamps in 1.002 s, pulled forward by 1 ms per second
-        {{0, H, H}, {10000, H + 1002000, H + 1001000}, {20000, H + 2004000, H + 2002000}},
-        // a stamp before the previous one (the other channel's queue) never goes backwards
-        {{500, H, H}, {600, H + 10000, H + 10000}, {590, H + 10100, H + 10000}},
-        // three wraps of silence (and a stamp older than the anchor of a batch maps to before it)
-        {{100, H, H}, {150, H + (3 * (1ull << 32) + 50) * 100, H + (3 * (1ull << 32) + 50) * 100}},
-        {{90, H + 100000, H + 99000}, {100, H + 100000, H + 100000}},
-    };
-    for (size_t i = 0; i < runs.size(); ++i) {
-        XStampClock clock;
-        if (i == 5) clock.Anchor(100, H + 100000);  // the newest stamp of a first batch
-        for (const Step& s : runs[i]) EXPECT_EQ(clock.Convert(s.stamp, s.host), s.expect) << "run " << i;
-    }
 }
 
 TEST(CanFmt, log_lines_both_ways) {
@@ -246,6 +161,7 @@ TEST(CanFmt, log_lines_both_ways) {
         {"(1.0) can0", "needs (SECONDS.MICROS) NAME FRAME"},
         {"(1.0) can0 123#0", "frame '123#0': data must be pairs of hex digits"},
         {"(1.0) can0 123#00 X", "unexpected text after the frame"},
+        {"(1.0) can0 A0000000#", "frame '80000000#': extended identifier above 1FFFFFFF"},
     };
     for (const Row& r : rows) {
         LogLine l;
@@ -258,11 +174,22 @@ TEST(CanFmt, log_lines_both_ways) {
         EXPECT_EQ(l.time_us, r.us);
         EXPECT_EQ(l.channel, r.channel);
         EXPECT_EQ(FormatFrame(l.frame), r.frame);
+        EXPECT_FALSE(l.error) << r.line;
     }
     CAN_OBJ f = Frame(0x1ABCDE, true, false);
     f.DataLength = 0;
     EXPECT_EQ(FormatLogLine(1700000000123456ull, "can0", f), "(1700000000.123456) can0 001ABCDE#");
     EXPECT_EQ(FormatLogLine(5, "can1", Frame(0x123, false, true)), "(0000000000.000005) can1 123#R2");
+    // Error frames as candump logs them: read back with their class, written with the flag.
+    LogLine passive;
+    std::string error;
+    ASSERT_TRUE(ParseLogLine("(1.0) can0 20000204#0030000000008000", &passive, &error));
+    EXPECT_TRUE(passive.error);
+    EXPECT_EQ(FormatFrame(passive.frame, true), "20000204#0030000000008000");
+    CAN_OBJ overrun = Frame(0x004, false, false);
+    overrun.DataLength = 8;
+    EXPECT_EQ(FormatLogLine(5, "can0", overrun, true), "(0000000000.000005) can0 20000004#5AA5000000000000");
+    EXPECT_EQ(FormatFrameLine("can0", overrun, true), "  can0  20000004   [8]  5A A5 00 00 00 00 00 00   ERRORFRAME");
     EXPECT_EQ(std::vector<int>({LogChannelNumber("can1"), LogChannelNumber("vcan0"), LogChannelNumber("x")}),
               std::vector<int>({1, 0, -1}));
 }
@@ -275,4 +202,24 @@ TEST(CanFmt, controller_status_in_words) {
     EXPECT_EQ(ErrorCodeText(0x42), "form error while transmitting, in the identifier bits 28-21");
     EXPECT_EQ(ErrorCodeText(0xBF), "stuff error while receiving, in segment 0x1F");
     EXPECT_EQ(VersionText(0x0318), "3.18");
+    // The error frames of the adapter's notices in candump's words.
+    struct Notice {
+        unsigned id;
+        std::vector<unsigned char> data;
+        const char* text;
+    };
+    const Notice notices[] = {
+        {0x004, {0, 0x01}, "controller-problem{rx-overflow}"},
+        {0x004, {0, 0x0C}, "controller-problem{rx-error-warning,tx-error-warning}"},
+        {0x204, {0, 0x30, 0, 0, 0, 0, 128, 7},
+         "controller-problem{rx-error-passive,tx-error-passive},error-counter-tx-rx{{128}{7}}"},
+        {0x002, {9}, "lost-arbitration{at bit 9}"},
+        {0x088, {}, "protocol-violation,bus-error"},
+    };
+    for (const Notice& n : notices) {
+        CAN_OBJ f = {};
+        f.Id = n.id;
+        std::copy(n.data.begin(), n.data.end(), f.Data);
+        EXPECT_EQ(ErrorFrameText(f), n.text);
+    }
 }

@@ -1,5 +1,7 @@
 """The vexlo command against the simulated adapter: what reaches the bus, what other tools read."""
+import ctypes
 import os
+import shlex
 import subprocess
 import time
 
@@ -74,10 +76,56 @@ def test_play_of_a_python_can_log_keeps_frames_and_order(tmp_path):
 
 
 def test_busy_and_missing_adapters(tmp_path):
+    # Adapter 0 held by another program: refused in words, and listed as busy before adapter 1.
     holder = f"{VEXLO} stat -w 0.2 0 > held & while [ ! -s held ]; do sleep 0.05; done; " \
-             f"{VEXLO} send 0 123#; echo rc=$?; kill -INT $!; wait $!; echo holder=$?"
-    rc, out, err = run([], ["sh", "-c", holder], cwd=tmp_path)
-    assert "rc=1\nholder=0\n" in out and err == "vexlo: adapter 0 is in use by another program\n"
+             f"{VEXLO} send 0 123#; echo rc=$?; {VEXLO} list; kill -INT $!; wait $!; echo holder=$?"
+    rc, out, err = run(["-n", "2"], ["sh", "-c", holder], cwd=tmp_path)
+    assert out.startswith("rc=1\n0  in use by another program\n1  serial ") and out.endswith("holder=0\n")
+    assert "vexlo: adapter 0 is in use by another program\n" in err
     for sim_args, cmd, message in [(["-n", "0"], ["send", "0", "123#"], "no adapter at position 0"),
                                    ([], ["info", "-d", "1"], "no adapter at position 1")]:
-        assert run(sim_args, [VEXLO, *cmd]) == (1, "", f"vexlo: {message}\n")
+        rc, out, err = run(sim_args, [VEXLO, *cmd])
+        assert (rc, out, err.splitlines()[-1]) == (1, "", f"vexlo: {message}")
+
+
+@pytest.mark.parametrize("args,words", [
+    ("gen -g 1e300 0", "0 to 3600000"), ("gen -g inf 0", "0 to 3600000"), ("gen -g 20000000000000000 0", "3600000"),
+    ("dump -T inf 0", "0.001 to 2592000"), ("dump -T 1e300 0", "2592000"), ("stat -w inf 0", "0.1 to 86400"),
+    ("stat -w 1e300 0", "86400"), ("stat -w 0.000000001 0", "0.1 to"), ("gen -n -1 0", "1 to 1000000000000"),
+    ("play -l -1 one.log", "1 to 1000000"), ("dump -f '' 0", "an empty file name"),
+    ("dump -f /nonexistent/x 0", "No such file"), ("play -m x=0 one.log", "log channel 'x'"),
+    ("send --listen-only 0 123#", "--listen-only")])
+def test_nonsense_is_refused_before_the_adapter(tmp_path, args, words):
+    (tmp_path / "one.log").write_text("(1.0) can0 123#11\n")
+    p = subprocess.run([VEXLO, *shlex.split(args)], capture_output=True, text=True, timeout=10, cwd=tmp_path)
+    assert (p.returncode, p.stdout, words in p.stderr) == (2, "", True), p.stderr
+
+
+@pytest.mark.parametrize("script,reason", [
+    ("V dump 0 | head -1 >/dev/null; echo rc=${PIPESTATUS[0]}", "Broken pipe"),
+    ("V dump -n 5 0 >/dev/full; echo rc=$?", "No space left on device"),
+    ("V stat 0 >/dev/full; echo rc=$?", "No space left on device"), ("V stat 0 >&-; echo rc=$?", "Bad file descriptor")])
+def test_output_that_cannot_be_written_fails_the_command(script, reason):
+    rc, out, err = run(["-g", "0:1000"], ["bash", "-c", script.replace("V ", VEXLO + " ")])
+    assert (out, f"vexlo: cannot write the output: {reason}\n" in err) == ("rc=1\n", True)
+
+
+@pytest.mark.parametrize("cmd", ["dump 0", "gen -g 10 0", "stat -w 0.5 0"])
+def test_unplug_ends_the_command_within_a_second(cmd):
+    start = time.monotonic()
+    rc, _, err = run(["--uncabled", "--trace", os.devnull, "--unplug", "0:1"], [VEXLO, *cmd.split()], timeout=15)
+    assert (rc, "vexlo: adapter 0 was unplugged\n" in err) == (1, True)
+    assert time.monotonic() - start < 2.5
+
+
+def test_gen_count_waits_for_the_bus_and_timing_is_the_librarys(tmp_path):
+    trace = tmp_path / "trace.log"
+    rc, _, err = run(["--uncabled", "--trace", str(trace)], [VEXLO, "gen", "-g", "0", "-I", "i", "-n", "300", "0"])
+    assert rc == 0, err
+    assert [f[0] for f in frames(trace)] == list(range(300))
+    # The controller's timing bytes for 83,333 bit/s are those the library's rule gives.
+    b0, b1 = ctypes.c_ubyte(), ctypes.c_ubyte()
+    assert ctypes.CDLL(os.environ["VEXLO_LIB"]).vexlo_timing_for_rate(83333, ctypes.byref(b0), ctypes.byref(b1),
+                                                                       None, None) == 1
+    rc, out, err = run([], [VEXLO, "stat", "-b", "83333", "0"])
+    assert f"bit timing        {b0.value:02X}:{b1.value:02X}, 833" in out, err

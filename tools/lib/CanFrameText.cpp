@@ -23,6 +23,11 @@ bool Fail(std::string* error, const char* reason) {
     return false;
 }
 
+void PutId(std::string* out, const CAN_OBJ& frame, bool error) {
+    if (error) PutHex(out, kErrFlag | (frame.Id & 0x1FFFFFFFu), 8);
+    else PutHex(out, frame.Id, frame.ExtendedFrame ? 8 : 3);
+}
+
 }  // namespace
 
 bool ParseFrame(const std::string& text, CAN_OBJ* frame, std::string* error) {
@@ -65,10 +70,10 @@ bool ParseFrame(const std::string& text, CAN_OBJ* frame, std::string* error) {
     return true;
 }
 
-std::string FormatFrame(const CAN_OBJ& frame) {
+std::string FormatFrame(const CAN_OBJ& frame, bool error) {
     std::string out;
     out.reserve(32);
-    PutHex(&out, frame.Id, frame.ExtendedFrame ? 8 : 3);
+    PutId(&out, frame, error);
     out.push_back('#');
     unsigned len = frame.DataLength > 8 ? 8 : frame.DataLength;
     if (frame.RemoteFrame) {
@@ -80,9 +85,9 @@ std::string FormatFrame(const CAN_OBJ& frame) {
     return out;
 }
 
-std::string FormatFrameLine(const std::string& name, const CAN_OBJ& frame) {
+std::string FormatFrameLine(const std::string& name, const CAN_OBJ& frame, bool error) {
     std::string out = "  " + name + "  ";
-    PutHex(&out, frame.Id, frame.ExtendedFrame ? 8 : 3);
+    PutId(&out, frame, error);
     out += "   [";
     out += std::to_string(frame.DataLength);
     out += "] ";
@@ -92,7 +97,7 @@ std::string FormatFrameLine(const std::string& name, const CAN_OBJ& frame) {
         out.push_back(' ');
         PutHex(&out, frame.Data[i], 2);
     }
-    return out;
+    return error ? out + "   ERRORFRAME" : out;
 }
 
 }  // namespace vexlo_tool

@@ -1,5 +1,6 @@
 #include "CanLogLine.h"
 
+#include <cctype>
 #include <sstream>
 
 #include "CanFrameText.h"
@@ -31,6 +32,12 @@ bool ParseLogLine(const std::string& line, LogLine* out, std::string* error) {
         return false;
     }
     frac = (frac + "000000").substr(0, 6);  // more than 6 digits: cut to microseconds
+    // candump -L writes an error frame with the error flag 0x20000000 in its 8-digit identifier
+    // ("20000004#0001000000000000"): the flag is taken off and the class read as an identifier.
+    unsigned lead = frame.size() > 8 && frame[8] == '#' && std::isxdigit(static_cast<unsigned char>(frame[0]))
+                        ? static_cast<unsigned>(std::stoul(frame.substr(0, 1), nullptr, 16)) : 0;
+    out->error = (lead & 2) != 0;
+    if (out->error) frame[0] = "0123456789ABCDEF"[lead & ~2u];
     std::string why;
     if (!ParseFrame(frame, &out->frame, &why)) {
         *error = "frame '" + frame + "': " + why;
@@ -41,7 +48,7 @@ bool ParseLogLine(const std::string& line, LogLine* out, std::string* error) {
     return true;
 }
 
-std::string FormatLogLine(uint64_t time_us, const std::string& channel, const CAN_OBJ& frame) {
+std::string FormatLogLine(uint64_t time_us, const std::string& channel, const CAN_OBJ& frame, bool error) {
     // Digits by hand: this runs for every frame of a dump at the bus ceiling.
     char stamp[32];
     char* p = stamp + sizeof(stamp);
@@ -55,7 +62,7 @@ std::string FormatLogLine(uint64_t time_us, const std::string& channel, const CA
     std::string out(p, stamp + sizeof(stamp) - p);
     out += channel;
     out.push_back(' ');
-    out += FormatFrame(frame);
+    out += FormatFrame(frame, error);
     return out;
 }
 

@@ -45,3 +45,32 @@ std::string ErrorCodeText(unsigned char ecc) {
 }
 
 }  // namespace vexlo_tool
+
+namespace vexlo_tool {
+
+std::string ErrorFrameText(const CAN_OBJ& frame) {
+    static const char* const kClasses[] = {"tx-timeout", "lost-arbitration", "controller-problem",
+                                           "protocol-violation", "transceiver-status", "no-acknowledgement-on-tx",
+                                           "bus-off", "bus-error", "restarted-after-bus-off", "error-counter-tx-rx"};
+    static const char* const kProblems[] = {"rx-overflow",      "tx-overflow",      "rx-error-warning",
+                                            "tx-error-warning", "rx-error-passive", "tx-error-passive",
+                                            "back-to-error-active"};
+    std::string text;
+    for (unsigned bit = 0; bit < 10; ++bit) {
+        if (!(frame.Id & (1u << bit))) continue;
+        text += (text.empty() ? "" : ",") + std::string(kClasses[bit]);
+        if (bit == 1) {
+            text += "{at bit " + std::to_string(frame.Data[0]) + "}";
+        } else if (bit == 2) {
+            std::string problems;
+            for (unsigned p = 0; p < 7; ++p)
+                if (frame.Data[1] & (1u << p)) problems += (problems.empty() ? "" : ",") + std::string(kProblems[p]);
+            text += "{" + problems + "}";
+        } else if (bit == 9) {
+            text += "{{" + std::to_string(frame.Data[6]) + "}{" + std::to_string(frame.Data[7]) + "}}";
+        }
+    }
+    return text;
+}
+
+}  // namespace vexlo_tool

@@ -3,9 +3,11 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "Adapter.h"
 #include "Commands.h"
+#include "Process.h"
 
 namespace vexlo_tool {
 namespace {
@@ -17,16 +19,15 @@ const char kUsage[] =
     "to standard error every second.\n"
     "\n"
     "options:\n"
-    "  -g MS           gap between frames in milliseconds (default 200; 0: as fast as possible)\n"
+    "  -g MS           gap between frames in milliseconds, 0 to 3600000 (default 200; 0: as fast\n"
+    "                  as the adapter takes them)\n"
     "  -I i|r|HEX      identifier: increasing, random or fixed (default r)\n"
-    "  -L i|r|N        data length: increasing, random or fixed (default r)\n"
+    "  -L i|r|N        data length: increasing, random or fixed 0 to 8 (default r)\n"
     "  -D i|r|HEX      data: increasing counter, random or fixed bytes (default r)\n"
     "  -e              extended identifiers\n"
     "  -R              remote frames\n"
-    "  -n COUNT        stop after COUNT frames\n"
-    "  -h, --help      this text\n"
-    "  --version       the version\n"
-    "common options:\n";
+    "  -n COUNT        stop after COUNT frames (1 to 1000000000000), once they left the adapter\n"
+    "\n";
 
 struct GenMode {
     char kind = 'r';  // 'i', 'r' or 'f' (fixed)
@@ -35,23 +36,34 @@ struct GenMode {
     unsigned nbytes = 0;
 };
 
-bool ParseMode(const std::string& v, bool data, unsigned long long limit, GenMode* m) {
+// i, r, or a fixed value of -I (a hex identifier), -L (a length 0 to 8) or -D (hex bytes).
+bool ParseMode(const char* option, const std::string& v, GenMode* m) {
     if (v == "i" || v == "r") {
         m->kind = v[0];
         return true;
     }
     m->kind = 'f';
-    if (data) {
-        if (v.size() % 2 || v.size() > 16 || v.empty() || v.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+    bool hex = !v.empty() && v.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    if (option[1] == 'L') {
+        double len = 0;
+        if (!TakeNumber(option, v.c_str(), 0, 8, true, &len)) return false;
+        m->value = static_cast<unsigned long long>(len);
+    } else if (option[1] == 'D') {
+        if (!hex || v.size() % 2 || v.size() > 16) {
+            Complain("bad value '%s' for -D: i, r or 1 to 8 bytes in hex", v.c_str());
             return false;
+        }
         m->nbytes = static_cast<unsigned>(v.size() / 2);
         for (unsigned i = 0; i < m->nbytes; ++i)
             m->bytes[i] = static_cast<unsigned char>(std::strtoul(v.substr(2 * i, 2).c_str(), nullptr, 16));
-        return true;
+    } else {
+        m->value = hex && v.size() <= 8 ? std::strtoull(v.c_str(), nullptr, 16) : ~0ull;
+        if (m->value > 0x1FFFFFFF) {
+            Complain("bad value '%s' for -I: i, r or a hex identifier up to 1FFFFFFF", v.c_str());
+            return false;
+        }
     }
-    char* end = nullptr;
-    m->value = std::strtoull(v.c_str(), &end, limit == 8 ? 10 : 16);
-    return !v.empty() && !*end && m->value <= limit;
+    return true;
 }
 
 }  // namespace
@@ -59,65 +71,37 @@ bool ParseMode(const std::string& v, bool data, unsigned long long limit, GenMod
 int RunGen(int argc, char** argv) {
     CommonOptions common;
     GenMode id, len, data;
-    double gap_ms = 200;
+    double gap_ms = 200, count_value = 0;
     bool ext = false, rtr = false;
-    unsigned long long count = 0;
+    OwnOptions own = {"g:I:L:D:eRn:", nullptr, [&](int code, const char* v) {
+                          switch (code) {
+                          case 'e': ext = true; return true;
+                          case 'R': rtr = true; return true;
+                          case 'g': return TakeNumber("-g", v, 0, 3600000, false, &gap_ms);
+                          case 'n': return TakeNumber("-n", v, 1, 1e12, true, &count_value);
+                          case 'I': return ParseMode("-I", v, &id);
+                          case 'L': return ParseMode("-L", v, &len);
+                          default: return ParseMode("-D", v, &data);
+                          }
+                      }};
+    std::vector<std::string> operands;
     std::string channel;
-    XArgs args(argc, argv);
-    while (!args.Done()) {
-        std::string opt = args.Option(), v;
-        if (opt.empty()) {
-            if (!TakeOneOperand(&args, &channel, "gen", "channel")) return kExitUsage;
-            continue;
-        }
-        int shared = TakeSharedOption(opt, &args, &common, kUsage);
-        if (shared == kOptionTaken) continue;
-        if (shared != kOptionOwn) return shared;
-        if (opt == "-e") {
-            ext = true;
-            continue;
-        }
-        if (opt == "-R") {
-            rtr = true;
-            continue;
-        }
-        if (opt != "-g" && opt != "-I" && opt != "-L" && opt != "-D" && opt != "-n") {
-            Complain("gen: unknown option '%s'", opt.c_str());
-            return kExitUsage;
-        }
-        if (!args.Value(opt, &v)) return kExitUsage;
-        char* end = nullptr;
-        bool ok = true;
-        if (opt == "-g") {
-            gap_ms = std::strtod(v.c_str(), &end);
-            ok = !v.empty() && !*end && gap_ms >= 0;
-        } else if (opt == "-n") {
-            count = std::strtoull(v.c_str(), &end, 10);
-            ok = !v.empty() && !*end && count > 0;
-        } else if (opt == "-I") {
-            ok = ParseMode(v, false, 0x1FFFFFFF, &id);
-        } else if (opt == "-L") {
-            ok = ParseMode(v, false, 8, &len);
-        } else {
-            ok = ParseMode(v, true, 0, &data);
-        }
-        if (!ok) {
-            Complain("bad value '%s' for %s", v.c_str(), opt.c_str());
-            return kExitUsage;
-        }
-    }
-    unsigned ch = 0;
-    if (channel.empty()) {
-        Complain("gen needs a channel: 0 or 1");
+    int status = ParseCommandLine(argc, argv, kUsage, own, &common, &operands);
+    if (status >= 0) return status;
+    if (common.listen_only) {
+        Complain("gen cannot send with --listen-only");
         return kExitUsage;
     }
+    if (!OneOperand(operands, "gen", "a channel: 0 or 1", &channel)) return kExitUsage;
+    const unsigned long long count = static_cast<unsigned long long>(count_value);
+    unsigned ch = 0;
     if (!ParseChannel(channel, &ch)) return kExitUsage;
     if (id.kind == 'f' && !ext && id.value > 0x7FF) {
         Complain("identifier %llX needs -e", id.value);
         return kExitUsage;
     }
     XAdapter adapter(common);
-    int status = adapter.Open();
+    status = adapter.Open();
     if (status != kExitOk) return status;
     if (!adapter.Start(ch)) return kExitFail;
 
@@ -156,20 +140,20 @@ int RunGen(int argc, char** argv) {
         sent += took;
         uint64_t now = MonoUs();
         if (now >= next_rate) {
-            std::fprintf(stderr, "vexlo gen: can%u: %llu frames/s, %llu sent\n", ch,
-                         (sent - sent_before) * 1000000 / (now - next_rate + 1000000), sent);
+            unsigned long long rate = (sent - sent_before) * 1000000 / (now - next_rate + 1000000);
+            Say("vexlo gen: can%u: %llu frames/s, %llu sent", ch, rate, sent);
             sent_before = sent;
             next_rate = now + 1000000;
         }
-        if (took < want) {
-            SleepUntil(now + 1000);  // the adapter's buffer is full: let the bus drain it
-        } else if (gap_us) {
-            due += gap_us;
-            SleepUntil(due);
-        }
+        // The adapter's buffer is full: let the bus drain it.
+        if (took < want && !adapter.Pause(now + 1000)) break;
+        if (took == want && gap_us && !adapter.Pause(due += gap_us)) break;
     }
-    std::fprintf(stderr, "vexlo gen: can%u: %llu frames sent\n", ch, sent);
-    return kExitOk;
+    // With a count, the last frames are waited for: they leave the adapter before it is reset.
+    bool left = adapter.gone() || count == 0 || adapter.WaitSent(ch);
+    if (!left && !adapter.gone()) Complain("frames on channel %u did not leave the adapter within a second", ch);
+    Say("vexlo gen: can%u: %llu frames sent", ch, sent);
+    return left && !adapter.gone() ? kExitOk : kExitFail;
 }
 
 }  // namespace vexlo_tool

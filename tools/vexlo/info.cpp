@@ -1,10 +1,12 @@
 // vexlo info: one adapter's board information and each channel's controller status.
+#include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "Adapter.h"
 #include "CanStatusText.h"
 #include "Commands.h"
+#include "Process.h"
 
 namespace vexlo_tool {
 namespace {
@@ -14,34 +16,21 @@ const char kUsage[] =
     "\n"
     "Prints the board information of adapter DEV (default 0) and each channel's controller\n"
     "status. The channels are not started.\n"
-    "\n"
-    "options:\n"
-    "  -d DEV          adapter position (default 0)\n"
-    "  -h, --help      this text\n"
-    "  --version       the version\n";
+    "\n";
 
 }  // namespace
 
 int RunInfo(int argc, char** argv) {
     CommonOptions common;
-    XArgs args(argc, argv);
-    while (!args.Done()) {
-        std::string opt = args.Option();
-        if (opt.empty()) {
-            Complain("info takes no operands");
-            return kExitUsage;
-        }
-        int help = HelpOrVersion(opt.c_str(), kUsage);
-        if (help >= 0) return help;
-        int taken = opt == "-d" ? TakeCommonOption(opt, &args, &common) : 0;
-        if (taken < 0) return kExitUsage;
-        if (taken == 0) {
-            Complain("info: unknown option '%s'", opt.c_str());
-            return kExitUsage;
-        }
+    std::vector<std::string> operands;
+    int status = ParseCommandLine(argc, argv, kUsage, {"", nullptr, nullptr}, &common, &operands);
+    if (status >= 0) return status;
+    if (!operands.empty()) {
+        Complain("info takes no operands");
+        return kExitUsage;
     }
     XAdapter adapter(common);
-    int status = adapter.Open();
+    status = adapter.Open();
     if (status != kExitOk) return status;
     CAN_INFO info;
     std::memset(&info, 0, sizeof(info));
@@ -51,7 +40,7 @@ int RunInfo(int argc, char** argv) {
     }
     info.SerialNumber[sizeof(info.SerialNumber) - 1] = 0;
     info.IdText[sizeof(info.IdText) - 1] = 0;
-    FILE* out = Out();
+    FILE* out = stdout;
     std::fprintf(out, "adapter %u\n", common.dev);
     std::fprintf(out, "  serial number     %s\n", info.SerialNumber);
     std::fprintf(out, "  identification    %s\n", info.IdText);

@@ -1,10 +1,12 @@
 // vexlo list: every adapter found, by position.
+#include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "Adapter.h"
 #include "CanStatusText.h"
 #include "Commands.h"
+#include "Process.h"
 
 namespace vexlo_tool {
 namespace {
@@ -13,51 +15,47 @@ const char kUsage[] =
     "usage: vexlo list\n"
     "\n"
     "Lists every adapter found: position, serial number, identification text, hardware and\n"
-    "firmware versions, channel count.\n";
+    "firmware versions, channel count; an adapter another program holds is listed as such.\n"
+    "\n";
 
 }  // namespace
 
 int RunList(int argc, char** argv) {
-    XArgs args(argc, argv);
-    while (!args.Done()) {
-        std::string opt = args.Option();
-        if (opt.empty()) {
-            Complain("list takes no arguments");
-            return kExitUsage;
-        }
-        int help = HelpOrVersion(opt.c_str(), kUsage);
-        if (help >= 0) return help;
-        Complain("list: unknown option '%s'", opt.c_str());
+    CommonOptions common;
+    std::vector<std::string> operands;
+    int status = ParseCommandLine(argc, argv, kUsage, {"", nullptr, nullptr}, &common, &operands);
+    if (status >= 0) return status;
+    if (!operands.empty()) {
+        Complain("list takes no operands");
         return kExitUsage;
     }
-    // Positions are tried in order until one has no adapter; a busy one is listed as such.
-    unsigned found = 0;
-    for (unsigned dev = 0; dev < 32; ++dev) {
-        CommonOptions common;
-        common.dev = dev;
-        XAdapter adapter(common);
-        OpenFailure why = OpenFailure::kOther;
-        if (!adapter.OpenQuietly(&why)) {
-            if (why == OpenFailure::kMissing) break;
-            std::fprintf(Out(), "%u  %s\n", dev,
-                         why == OpenFailure::kBusy ? "in use by another program" : "cannot be opened");
-            ++found;
+    // The library counts the adapters without opening them; each is then opened for its identity.
+    int count = vexlo_count();
+    if (count < 0) {
+        Complain("USB cannot be reached");
+        return kExitFail;
+    }
+    for (unsigned dev = 0; dev < static_cast<unsigned>(count) && dev < 32; ++dev) {
+        if (!VCI_OpenDevice(kDevType, dev, 0)) {
+            const char* why = nullptr;
+            vexlo_open_error(&why);
+            std::printf("%u  %s\n", dev, why && *why ? why : "the adapter could not be opened");
             continue;
         }
         CAN_INFO info;
         std::memset(&info, 0, sizeof(info));
         if (!VCI_ReadBoardInfo(kDevType, dev, &info)) {
-            std::fprintf(Out(), "%u  board information unreadable\n", dev);
+            std::printf("%u  board information unreadable\n", dev);
         } else {
             info.SerialNumber[sizeof(info.SerialNumber) - 1] = 0;
             info.IdText[sizeof(info.IdText) - 1] = 0;
-            std::fprintf(Out(), "%u  serial %s  %s  hardware %s  firmware %s  channels %u\n", dev, info.SerialNumber,
-                         info.IdText, VersionText(info.HardwareVersion).c_str(),
-                         VersionText(info.FirmwareVersion).c_str(), info.ChannelCount);
+            std::printf("%u  serial %s  %s  hardware %s  firmware %s  channels %u\n", dev, info.SerialNumber,
+                        info.IdText, VersionText(info.HardwareVersion).c_str(),
+                        VersionText(info.FirmwareVersion).c_str(), info.ChannelCount);
         }
-        ++found;
+        VCI_CloseDevice(kDevType, dev);
     }
-    if (found == 0) std::fprintf(Out(), "no adapter found\n");
+    if (count == 0) std::printf("no adapter found\n");
     return kExitOk;
 }
 

@@ -1,11 +1,11 @@
 // vexlo send: frames in can-utils syntax (123#DEADBEEF) onto one channel.
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "Adapter.h"
 #include "CanFrameText.h"
 #include "Commands.h"
+#include "Process.h"
 
 namespace vexlo_tool {
 namespace {
@@ -20,11 +20,7 @@ const char kUsage[] =
     "  123#                no data\n"
     "A malformed frame is refused (exit status 2) and then nothing is sent. Exit status 1 when the\n"
     "adapter did not take every frame, or they could not leave it within a second.\n"
-    "\n"
-    "options:\n"
-    "  -h, --help      this text\n"
-    "  --version       the version\n"
-    "common options:\n";
+    "\n";
 
 const uint64_t kPatienceUs = 1000000;  // how long the adapter may refuse frames or keep them
 
@@ -32,18 +28,11 @@ const uint64_t kPatienceUs = 1000000;  // how long the adapter may refuse frames
 
 int RunSend(int argc, char** argv) {
     CommonOptions common;
-    XArgs args(argc, argv);
     std::vector<std::string> operands;
-    while (!args.Done()) {
-        std::string opt = args.Option();
-        if (opt.empty()) {
-            operands.push_back(args.Operand());
-            continue;
-        }
-        int shared = TakeSharedOption(opt, &args, &common, kUsage);
-        if (shared == kOptionTaken) continue;
-        if (shared != kOptionOwn) return shared;
-        Complain("send: unknown option '%s'", opt.c_str());
+    int status = ParseCommandLine(argc, argv, kUsage, {"", nullptr, nullptr}, &common, &operands);
+    if (status >= 0) return status;
+    if (common.listen_only) {
+        Complain("send cannot send with --listen-only");
         return kExitUsage;
     }
     if (operands.size() < 2) {
@@ -62,7 +51,7 @@ int RunSend(int argc, char** argv) {
         }
     }
     XAdapter adapter(common);
-    int status = adapter.Open();
+    status = adapter.Open();
     if (status != kExitOk) return status;
     if (!adapter.Start(ch)) return kExitFail;
     // The adapter holds a few frames at a time: what it refuses is offered again as it sends.
@@ -72,15 +61,16 @@ int RunSend(int argc, char** argv) {
         unsigned n = VCI_Transmit(kDevType, common.dev, ch, &frames[sent], static_cast<unsigned>(frames.size() - sent));
         if (n > frames.size() - sent) n = 0;
         if (n > 0) until = MonoUs() + kPatienceUs;
-        else SleepUntil(MonoUs() + 2000);
+        else if (!adapter.Pause(MonoUs() + 2000)) return kExitFail;
         sent += n;
     }
     if (sent < frames.size()) {
-        Complain("the adapter took %zu of %zu frames", sent, frames.size());
+        if (adapter.Present()) Complain("the adapter took %zu of %zu frames", sent, frames.size());
         return kExitFail;
     }
     if (!adapter.WaitSent(ch)) {
-        Complain("the frames did not leave the adapter within a second (is another node acknowledging?)");
+        if (adapter.Present())
+            Complain("the frames did not leave the adapter within a second (is another node acknowledging?)");
         return kExitFail;
     }
     return kExitOk;

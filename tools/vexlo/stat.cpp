@@ -1,11 +1,13 @@
 // vexlo stat: a channel's controller status and counters, decoded for a person.
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "Adapter.h"
 #include "CanStatusText.h"
 #include "Commands.h"
+#include "Process.h"
 
 namespace vexlo_tool {
 namespace {
@@ -13,44 +15,54 @@ namespace {
 const char kUsage[] =
     "usage: vexlo stat [OPTIONS] CH\n"
     "\n"
-    "Starts channel CH (0 or 1) and prints its error state, error counters, last error, bus load\n"
-    "and the library's counters; with -w every SECONDS until Ctrl-C. Received frames are counted\n"
-    "and thrown away; use --listen-only to stay silent on the bus.\n"
+    "Starts channel CH (0 or 1) and prints its bit timing, error state, error counters, last\n"
+    "error, bus load and the library's counters; with -w every SECONDS until Ctrl-C. Received\n"
+    "frames are counted and thrown away as they come; use --listen-only to stay silent on the bus.\n"
     "\n"
     "options:\n"
-    "  -w SECONDS      repeat every SECONDS\n"
-    "  -h, --help      this text\n"
-    "  --version       the version\n"
-    "common options:\n";
+    "  -w SECONDS      repeat every SECONDS, 0.1 to 86400\n"
+    "\n";
 
 const char* const kNotices[] = {"data overrun", "error warning", "error passive", "arbitration lost", "bus error"};
 
-bool Report(unsigned dev, unsigned ch) {
+// The bus timing bytes as the controller holds them (registers 6 and 7) and what they give.
+std::string TimingText(unsigned dev, unsigned ch) {
+    unsigned char reg[2][4] = {{6}, {7}};
+    unsigned rate = 0, sample = 0;
+    if (!VCI_GetReference(kDevType, dev, ch, 1, reg[0]) || !VCI_GetReference(kDevType, dev, ch, 1, reg[1]) ||
+        !vexlo_rate_for_timing(reg[0][0], reg[1][0], &rate, &sample))
+        return "unreadable";
+    char text[80];
+    std::snprintf(text, sizeof(text), "%02X:%02X, %u bit/s, sample point %u.%u%%", reg[0][0], reg[1][0], rate,
+                  sample / 10, sample % 10);
+    return text;
+}
+
+bool Report(XAdapter* adapter, unsigned ch) {
+    unsigned dev = adapter->dev();
     CAN_STAT st;
     std::memset(&st, 0, sizeof(st));
     VEXLO_STATS stats;
     std::memset(&stats, 0, sizeof(stats));
     stats.size = sizeof(stats);
+    std::string timing = TimingText(dev, ch);
     if (!VCI_ReadCANStatus(kDevType, dev, ch, &st) || !vexlo_get_stats(dev, ch, &stats)) {
-        Complain("cannot read the status of channel %u", ch);
+        if (adapter->Present()) Complain("cannot read the status of channel %u", ch);
         return false;
     }
-    // The queue is emptied so that it never overflows while only counting.
-    VCI_ClearBuffer(kDevType, dev, ch);
-    FILE* out = Out();
-    std::fprintf(out, "can%u\n", ch);
-    std::fprintf(out, "  error state       %s\n", ErrorStateText(st.RegStatus, st.RegRxErrCount, st.RegTxErrCount).c_str());
-    std::fprintf(out, "  error counters    receive %u, transmit %u\n", st.RegRxErrCount, st.RegTxErrCount);
-    std::fprintf(out, "  last error        %s\n", st.RegErrCode ? ErrorCodeText(st.RegErrCode).c_str() : "none");
-    std::fprintf(out, "  bus load          %u%%\n", st.CounterPercent);
-    std::fprintf(out, "  received          %llu frames, %llu lost in the queue (peak depth %u)\n", stats.rx_frames,
-                 stats.rx_lost, stats.queue_peak);
-    std::fprintf(out, "  sent              %llu frames\n", stats.tx_frames);
-    std::fprintf(out, "  bad messages      %llu\n", stats.bad_messages);
-    std::fprintf(out, "  notices          ");
-    for (int i = 0; i < 5; ++i) std::fprintf(out, " %s %llu%s", kNotices[i], stats.notices[i], i < 4 ? "," : "\n");
-    std::fflush(out);
-    return true;
+    std::printf("can%u\n", ch);
+    std::printf("  bit timing        %s\n", timing.c_str());
+    std::printf("  error state       %s\n", ErrorStateText(st.RegStatus, st.RegRxErrCount, st.RegTxErrCount).c_str());
+    std::printf("  error counters    receive %u, transmit %u\n", st.RegRxErrCount, st.RegTxErrCount);
+    std::printf("  last error        %s\n", st.RegErrCode ? ErrorCodeText(st.RegErrCode).c_str() : "none");
+    std::printf("  bus load          %u%%\n", st.CounterPercent);
+    std::printf("  received          %llu frames, %llu lost in the queue (peak depth %u)\n", stats.rx_frames,
+                stats.rx_lost, stats.queue_peak);
+    std::printf("  sent              %llu frames\n", stats.tx_frames);
+    std::printf("  bad messages      %llu\n", stats.bad_messages);
+    std::printf("  notices          ");
+    for (int i = 0; i < 5; ++i) std::printf(" %s %llu%s", kNotices[i], stats.notices[i], i < 4 ? "," : "\n");
+    return FlushOut();
 }
 
 }  // namespace
@@ -58,44 +70,25 @@ bool Report(unsigned dev, unsigned ch) {
 int RunStat(int argc, char** argv) {
     CommonOptions common;
     double every = 0;
+    OwnOptions own = {"w:", nullptr,
+                      [&](int, const char* v) { return TakeNumber("-w", v, 0.1, 86400, false, &every); }};
+    std::vector<std::string> operands;
     std::string channel;
-    XArgs args(argc, argv);
-    while (!args.Done()) {
-        std::string opt = args.Option(), v;
-        if (opt.empty()) {
-            if (!TakeOneOperand(&args, &channel, "stat", "channel")) return kExitUsage;
-            continue;
-        }
-        int shared = TakeSharedOption(opt, &args, &common, kUsage);
-        if (shared == kOptionTaken) continue;
-        if (shared != kOptionOwn) return shared;
-        if (opt != "-w") {
-            Complain("stat: unknown option '%s'", opt.c_str());
-            return kExitUsage;
-        }
-        if (!args.Value(opt, &v)) return kExitUsage;
-        char* end = nullptr;
-        every = std::strtod(v.c_str(), &end);
-        if (v.empty() || *end || !(every > 0)) {
-            Complain("bad interval '%s'", v.c_str());
-            return kExitUsage;
-        }
-    }
+    int status = ParseCommandLine(argc, argv, kUsage, own, &common, &operands);
+    if (status >= 0) return status;
     unsigned ch = 0;
-    if (channel.empty()) {
-        Complain("stat needs a channel: 0 or 1");
-        return kExitUsage;
-    }
-    if (!ParseChannel(channel, &ch)) return kExitUsage;
+    if (!OneOperand(operands, "stat", "a channel: 0 or 1", &channel) || !ParseChannel(channel, &ch)) return kExitUsage;
     XAdapter adapter(common);
-    int status = adapter.Open();
+    status = adapter.Open();
     if (status != kExitOk) return status;
     if (!adapter.Start(ch)) return kExitFail;
+    // Between reports the frames are thrown away as they arrive (Pause): the queue never
+    // overflows, and the counts come from the library's counters.
     uint64_t next = MonoUs();
     do {
-        if (!Report(common.dev, ch)) return kExitFail;
+        if (!Report(&adapter, ch)) return kExitFail;
         next += static_cast<uint64_t>(every * 1e6);
-        if (every > 0) SleepUntil(next);
+        if (every > 0 && !adapter.Pause(next)) return kExitFail;
     } while (every > 0 && !Stopping());
     return kExitOk;
 }

@@ -1,0 +1,137 @@
+"""Serial-line CAN lines of vexlo serve against the simulated adapter, with python-can's slcan and
+socketcand interfaces as the clients. Channels 0 and 1 of the simulated adapter are cabled."""
+import os
+import socket
+import subprocess
+import time
+
+import can
+import pytest
+import serial
+
+VEXLO = os.environ["VEXLO"]
+SIM = os.environ["VEXLO_SIM"]
+
+
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as s:
+        return s.getsockname()[1]
+
+
+@pytest.fixture
+def serve(tmp_path):
+    """Starts vexlo serve under the simulator with a pseudo-terminal line on link_ch and a TCP line on
+    tcp_ch; gives the link, the TCP line's URL and port, the socketcand port and the process."""
+    procs = []
+
+    def start(sim_args=(), link_ch=0, tcp_ch=1):
+        s = {"link": str(tmp_path / "ttyVEXLO0"), "tcp": free_port(), "socketcand": free_port()}
+        s["url"] = f"socket://127.0.0.1:{s['tcp']}"
+        s["proc"] = p = subprocess.Popen(
+            [SIM, "--hw-version", "0105", "--fw-version", "0207", "--serial", "SER4321", *sim_args, "--", VEXLO,
+             "serve", "--no-beacon", "--listen", f"127.0.0.1:{s['socketcand']}", "--slcan", f"{s['link']}={link_ch}",
+             "--slcan-tcp", f"{s['tcp']}={tcp_ch}"], stderr=subprocess.PIPE, text=True)
+        procs.append(p)
+        while "serving adapter" not in (line := p.stderr.readline()):
+            assert line, "the server did not start"
+        return s
+
+    yield start
+    for p in procs:
+        p.terminate()
+        p.wait(timeout=20)
+
+
+def slcan(channel, **kw):
+    return can.Bus(interface="slcan", channel=channel, sleep_after_open=0, **kw)
+
+
+def fields(m):
+    return (m.arbitration_id, m.is_extended_id, m.is_remote_frame, m.dlc, bytes(m.data))
+
+
+def receive(bus, count, timeout=3.0):
+    got, end = [], time.time() + timeout
+    while len(got) < count and time.time() < end:
+        m = bus.recv(0.2)
+        if m is not None:
+            got.append(fields(m))
+    return got
+
+
+def exchange(port, text, until=b"\r", timeout=3.0):
+    """Writes text to a raw serial connection and reads the replies until they end with `until`."""
+    port.write(text)
+    data, end = b"", time.time() + timeout
+    while not data.endswith(until) and time.time() < end:
+        data += port.read(max(1, port.in_waiting))
+    return data
+
+
+FRAMES = [can.Message(arbitration_id=0x100 + n, data=bytes(range(n)), is_extended_id=False) for n in range(9)] + [
+    can.Message(arbitration_id=0x1ABCDE00 + n, data=bytes(range(8 - n, 8)), is_extended_id=True) for n in (0, 5, 8)] + [
+    can.Message(arbitration_id=0x7FF, is_remote_frame=True, dlc=3, is_extended_id=False),
+    can.Message(arbitration_id=0x1FFFFFFF, is_remote_frame=True, dlc=0, is_extended_id=True)]
+
+
+def test_python_can_both_ways_over_pty_and_tcp_rates_stamps_and_identity(serve):
+    s = serve()
+    pty, tcp = slcan(s["link"], bitrate=500000), slcan(s["url"], btr="001C")
+    assert pty.get_version(2) == (10, 20) and tcp.get_serial_number(2) == "4321"
+    for a, b in ((pty, tcp), (tcp, pty)):
+        for m in FRAMES:
+            a.send(m)
+        assert receive(b, len(FRAMES)) == [fields(m) for m in FRAMES]
+    tcp.shutdown()
+    slave = os.readlink(s["link"])
+    pty.shutdown()
+    end = time.time() + 5
+    while os.readlink(s["link"]) == slave and time.time() < end:  # a fresh line for the next client
+        time.sleep(0.01)
+    # Rates: the pseudo-terminal's channel to 125k by S4 no longer hears the TCP line's channel at
+    # 500k, until that one goes to 125k by its timing bytes.
+    with serial.serial_for_url(s["link"], timeout=0.2) as a, serial.serial_for_url(s["url"], timeout=0.2) as b:
+        assert exchange(a, b"C\rS4\rO\rZ1\r", b"\r\r\r\r") == b"\r\r\r\r"
+        assert exchange(b, b"O\rt1230\r", b"z\r") == b"\rz\r"
+        assert exchange(a, b"", b"never", 0.5) == b""
+        assert exchange(b, b"C\rs031C\rO\rt1231AA\r", b"z\r") == b"\r\r\rz\r"
+        line = exchange(a, b"")
+        assert line[:7] == b"t1231AA" and abs(int(line[7:11], 16) - time.time() * 1000 % 60000) < 1000
+        # An unknown command gets BEL and the line goes on.
+        assert exchange(a, b"X\rV\rN\r", b"N4321\r") == b"\aV1020\rN4321\r"
+
+
+def test_slcan_and_socketcand_clients_share_a_channel(serve):
+    s = serve(link_ch=0, tcp_ch=0)
+    sock = can.Bus(interface="socketcand", host="127.0.0.1", port=s["socketcand"], channel="can0")
+    line = slcan(s["link"])
+    # python-can 4.1's socketcand client marks every frame extended: compare identifier and data there.
+    for a, b, seen in ((line, sock, lambda f: (f[0], f[4])), (sock, line, lambda f: f)):
+        a.send(FRAMES[4])
+        a.send(FRAMES[10])
+        assert [seen(f) for f in receive(b, 2)] == [seen(fields(FRAMES[4])), seen(fields(FRAMES[10]))]
+        assert receive(a, 1, 0.5) == []  # not its own
+    # The rate cannot change under the socketcand client, nor is it needed when it is already so.
+    with serial.serial_for_url(s["url"], timeout=0.2) as other:
+        assert exchange(other, b"S8\rS6\r", b"\r") == b"\a\r"
+    line.shutdown()
+    sock.shutdown()
+
+
+def test_bad_clients_do_not_block_the_server(serve):
+    s = serve(["-g", "0:4000:seq8"], link_ch=1, tcp_ch=0)
+    never = serial.serial_for_url(s["link"], timeout=0.2)  # opens the line and does not read for 2 s
+    never.write(b"O\r")
+    with socket.create_connection(("127.0.0.1", s["tcp"])) as c:
+        c.sendall(b"V" * 10_000_000)
+        c.sendall(bytes(range(256)) * 64 + b"\rV\r")
+        data, end = b"", time.time() + 10
+        while not data.endswith(b"\aV1020\r") and time.time() < end:
+            data += c.recv(65536)
+        assert data.endswith(b"\aV1020\r")
+    time.sleep(2)
+    # The replies come after what was held, and the frames that did not fit raised the overrun flag.
+    assert exchange(never, b"C\rF\r", b"\rF08\r", 10).endswith(b"\rF08\r")
+    never.close()
+    s["proc"].terminate()
+    assert "lines were dropped for reading too slowly" in s["proc"].communicate(timeout=20)[1]

@@ -1,0 +1,230 @@
+"""vexlo serve against the simulated adapter, with python-can's socketcand interface as the client."""
+import os
+import re
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+import can
+import pytest
+
+VEXLO = os.environ["VEXLO"]
+SIM = os.environ["VEXLO_SIM"]
+
+
+class Server:
+    """vexlo serve under vexlo-sim on a free port; its standard error is collected in lines."""
+
+    def __init__(self, sim_args=(), serve_args=()):
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            self.port = s.getsockname()[1]
+        self.lines = []
+        self.proc = subprocess.Popen([SIM, *sim_args, "--", VEXLO, "serve", "-b", "1M", "--listen",
+                                      f"127.0.0.1:{self.port}", *serve_args], stderr=subprocess.PIPE, text=True)
+        threading.Thread(target=lambda: self.lines.extend(self.proc.stderr), daemon=True).start()
+        self.wait_line("serving adapter 0")
+
+    def wait_line(self, text, timeout=20, count=1):
+        end = time.time() + timeout
+        while time.time() < end:
+            found = [l for l in self.lines if text in l]
+            if len(found) >= count:
+                return found[0]
+            assert self.proc.poll() is None, "".join(self.lines)
+            time.sleep(0.05)
+        raise AssertionError(f"no line with {text!r} in {''.join(self.lines)}")
+
+    def bus(self, channel):
+        return can.Bus(interface="socketcand", host="127.0.0.1", port=self.port, channel=channel)
+
+    def raw(self, channel=None, mode="rawmode"):
+        """A plain socket; with a channel, opened and switched to `mode` (answers checked)."""
+        s = socket.create_connection(("127.0.0.1", self.port))
+        s.settimeout(5)
+        REST.pop(id(s), None)  # a closed socket's leftovers
+        assert read_until(s, 1) == ["< hi >"]
+        if channel:
+            s.sendall(f"< open {channel} >< {mode} >".encode())
+            assert read_until(s, 2) == ["< ok >", "< ok >"]
+        return s
+
+    def stop(self):
+        self.proc.send_signal(signal.SIGTERM)
+        assert self.proc.wait(20) == 0
+        time.sleep(0.1)
+        assert "stopping" in self.lines[-1]
+
+
+@pytest.fixture
+def server_factory():
+    servers = []
+    yield lambda *a, **k: servers.append(Server(*a, **k)) or servers[-1]
+    for s in servers:
+        if s.proc.poll() is None:
+            s.proc.kill()
+
+
+REST = {}  # bytes read past the last message, by socket
+
+
+def read_until(sock, count, timeout=5):
+    """The next `count` messages of the socket, or fewer when it ends or stays silent."""
+    out, buf, end = [], REST.get(id(sock), b""), time.time() + timeout
+    while len(out) < count and time.time() < end:
+        while b">" in buf and len(out) < count:
+            msg, buf = buf.split(b">", 1)
+            out.append(msg[msg.index(b"<"):].decode() + ">")
+        if len(out) < count:
+            try:
+                data = sock.recv(65536)
+            except socket.timeout:
+                break
+            if not data:
+                break
+            buf += data
+    REST[id(sock)] = buf
+    return out
+
+
+def message(ident, ext, data):
+    return can.Message(arbitration_id=ident, is_extended_id=ext, data=data)
+
+
+def fields(m):
+    """python-can 4.1 reads every frame as extended: the format shows in the raw rows below."""
+    return (m.arbitration_id, bytes(m.data))
+
+
+FRAMES = [(0x123, False, b""), (0x7FF, False, bytes([0xA5])), (0x000, False, bytes(range(1, 9))),
+          (0x1FFFFFFF, True, bytes.fromhex("DEADBEEF")), (0x10000000, True, bytes(range(7))),
+          (0x0, False, bytes.fromhex("0011223344"))]
+
+
+def test_clients_of_both_buses_see_each_others_frames(server_factory):
+    srv = server_factory()
+    a1, a2, b = srv.bus("can0"), srv.bus("can0"), srv.bus("can1")
+    for sender, receivers, silent in [(a1, [a2, b], a1), (b, [a1, a2], b), (a2, [a1, b], a2)]:
+        for ident, ext, data in FRAMES:
+            before = time.time()
+            sender.send(message(ident, ext, data))
+            for r in receivers:
+                got = r.recv(5)
+                assert got is not None and fields(got) == (ident, data)
+                assert before - 0.001 <= got.timestamp <= time.time() + 0.001
+        assert silent.recv(0.2) is None  # never its own frames
+    # What python-can drops, read from plain sockets: remote and extended-with-flag frames.
+    r0, r1 = srv.raw("can0"), srv.raw("can1")
+    r0.sendall(b"< sendrtr 1ABCDEF0 3 >< sendrtr 12 0 >< send 9FFFFFFF 1 ff >< send 00000012 2 1 2 >< send 1 0 >")
+    got = [re.sub(r" \d+\.\d{6} ", " T ", m) for m in read_until(r1, 5)]
+    assert got == ["< rtr 1ABCDEF0 T 3 >", "< rtr 012 T 0 >", "< frame 1FFFFFFF T FF >", "< frame 00000012 T 0102 >",
+                   "< frame 001 T  >"]
+    for bus in (a1, a2, b):
+        bus.shutdown()
+    srv.wait_line("disconnected (closed by the client, can1, 0 frames dropped)")
+    srv.stop()
+
+
+def test_bcm_cyclic_frames_subscriptions_and_statistics(server_factory):
+    srv = server_factory()
+    sender, watcher = srv.raw("can0", "bcmmode"), srv.raw("can1", "bcmmode")
+    watcher.sendall(b"< subscribe 0 0 123 >< filter 0 0 321 1 F0 >")
+    counter = srv.bus("can1")
+    sender.sendall(b"< add 0 10000 123 2 AA BB >")
+    sent, end = [], time.time() + 1
+    while time.time() < end:  # read as they come: python-can 4.1 loses a message cut by its reads
+        sent += [m] if (m := counter.recv(0.01)) else []
+    sender.sendall(b"< delete 123 >")
+    while (m := counter.recv(0.2)) is not None:
+        sent.append(m)
+    assert 98 <= len(sent) <= 102
+    assert {fields(m) for m in sent} == {(0x123, b"\xAA\xBB")}
+    # The watcher's subscription passes them all; its content filter only changes in the high nibble.
+    for data in ["01", "02", "12", "13", "F3"]:
+        sender.sendall(f"< send 321 1 {data} >".encode())
+        time.sleep(0.02)
+    got = [m.split()[4] for m in read_until(watcher, len(sent) + 3)]
+    assert got == ["AABB"] * len(sent) + ["01", "12", "F3"]
+    sender.sendall(b"< controlmode >< statistics 100 >")
+    stat = read_until(sender, 3)
+    assert stat[0] == "< ok >"
+    tx_packets = len(sent) + 5
+    assert stat[1:] == [f"< stat 0 0 {2 * len(sent) + 5} {tx_packets} >"] * 2
+    srv.stop()
+
+
+def test_bad_input_gets_errors_and_limits_hold(server_factory):
+    srv = server_factory(serve_args=["--max-clients", "2"])
+    s = srv.raw()
+    table = [("< send 123 1 00 >", "< error no bus open >"), ("< open can7 >", None)]
+    s.sendall(b"< send 123 1 00 >")
+    assert read_until(s, 1) == ["< error no bus open >"]
+    s.sendall(b"< open can0 >")
+    assert read_until(s, 1) == ["< ok >"]
+    table = [("< frobnicate >", "unknown command"), ("<>", "unknown command"),
+             ("< send 123 3 01 02 >", "the number of data bytes differs from the length"),
+             ("< send 800 0 >", "standard identifier above 7FF (write 8 hex digits for an extended one)"),
+             ("< send 12G 0 >", "bad identifier"), ("< send 123 9 0 0 0 0 0 0 0 0 0 >", "bad length (0 to 8)"),
+             ("< send 123 1 100 >", "bad data byte"), ("< rawmode now >", "wrong number of arguments"),
+             ("< open can1 >", "a bus is open already"), ("< isotpmode >", "isotp mode is not supported"),
+             ("< set_bitrate 500000 >", "the bit timing is set when the server starts"),
+             ("< statistics 100 >", "statistics need control mode"), ("< update 123 0 >", "no cyclic frame with this identifier"),
+             ("< add 0 10 123 0 >", "interval shorter than 100 us"), ("< unsubscribe 5 >", "no subscription with this identifier"),
+             ("< rawmode >< subscribe 0 0 1 >", "this command needs bcm mode")]
+    for command, error in table:
+        s.sendall(command.encode() + b"< echo >")
+        got = read_until(s, 3 if "rawmode" in command else 2)
+        assert got[-2:] == [f"< error {error} >", "< echo >"], command
+    # A third client is one too many; a closed one makes room.
+    s2 = srv.raw()
+    s3 = socket.create_connection(("127.0.0.1", srv.port))
+    assert s3.recv(100) == b"< error too many clients >"
+    s2.close()
+    srv.wait_line("disconnected (closed by the client")
+    # An unknown bus and an over-long command each end their connection after the error.
+    for conn, command, error in [(srv.raw(), "< open can7 >", "could not open bus"),
+                                 (s, "< send " + "1" * 300 + " >", "command too long")]:
+        conn.sendall(command.encode())
+        assert read_until(conn, 2) == [f"< error {error} >"]
+    with pytest.raises(can.CanError):
+        server_factory(serve_args=["--allow", "10.0.0.0/8,::1"]).bus("can0")
+
+
+def test_a_slow_client_loses_frames_alone(server_factory):
+    srv = server_factory(["-g", "1:10000:seq"])
+    slow = socket.socket()
+    slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    slow.connect(("127.0.0.1", srv.port))
+    slow.sendall(b"< open can1 >< rawmode >")
+    fast = srv.raw("can1")
+    seqs, end = [], time.time() + 3
+    while time.time() < end:
+        for m in read_until(fast, 1000, timeout=0.1):
+            if m.startswith("< frame"):
+                seqs.append(int.from_bytes(bytes.fromhex(m.split()[4]), "little"))
+    assert len(seqs) > 5000
+    assert seqs == list(range(seqs[0], seqs[0] + len(seqs)))
+    slow.close()
+    fast.close()
+    srv.wait_line("reads too slowly: frames dropped")
+    srv.wait_line("disconnected", count=2)
+    dropped = [int(m) for m in re.findall(r"can1, (\d+) frames dropped", "".join(srv.lines))]
+    assert len(dropped) == 2 and dropped[0] > 1000 and dropped[1] == 0  # the slow one closed first
+
+
+def test_unplug_closes_clients_and_the_adapter_is_served_again(server_factory):
+    srv = server_factory(["--unplug", "0:2:4"])
+    before = srv.raw("can0")
+    assert read_until(before, 2, timeout=10) == ["< error adapter unplugged >"]
+    assert before.recv(100) == b""
+    srv.wait_line("adapter 0 was unplugged")
+    during = srv.raw()
+    during.sendall(b"< open can0 >")
+    assert read_until(during, 2) == ["< error could not open bus >"]
+    srv.wait_line("adapter 0 is back", timeout=10)
+    a, b = srv.bus("can0"), srv.bus("can1")
+    a.send(message(0x42, False, b"\x01"))
+    assert fields(b.recv(5)) == (0x42, b"\x01")
+    srv.stop()

@@ -1,0 +1,24 @@
+// Control mode of the socketcand protocol: the bus's statistics at an interval.
+#pragma once
+
+#include <cstdint>
+
+namespace vexlo_serve {
+
+class XConnection;
+
+class XControlMode {
+public:
+    // "< statistics MS >": "< stat ... >" every ms milliseconds from now; 0 stops them.
+    void Statistics(XConnection* c, unsigned bus, unsigned ms);
+    void Stop(XConnection* c);
+
+private:
+    void Tick(XConnection* c);
+    unsigned bus_ = 0;
+    uint64_t period_us_ = 0;
+    uint64_t next_ = 0;
+    uint64_t timer_ = 0;
+};
+
+}  // namespace vexlo_serve

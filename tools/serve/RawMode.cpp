@@ -1,0 +1,38 @@
+#include "RawMode.h"
+
+#include "Connection.h"
+
+namespace vexlo_serve {
+
+namespace {
+// How long frames wait after the rawmode answer: the client has read it well before then.
+const uint64_t kAnswerAloneUs = 50000;
+}  // namespace
+
+void XRawMode::Enter(XConnection* c) {
+    if (active_) return;
+    active_ = true;
+    c->Flush();
+    c->Hold(true);
+    release_ = c->loop()->At(MonoUs() + kAnswerAloneUs, [this, c] {
+        release_ = 0;
+        c->Hold(false);
+        c->Flush();
+    });
+}
+
+void XRawMode::Leave(XConnection* c) {
+    if (!active_) return;
+    active_ = false;
+    if (release_) {
+        c->loop()->Cancel(release_);
+        release_ = 0;
+        c->Hold(false);
+    }
+}
+
+void XRawMode::OnFrames(XConnection* c, const VEXLO_FRAME* frames, unsigned count) {
+    for (unsigned i = 0; i < count; ++i) c->Emit(frames[i]);
+}
+
+}  // namespace vexlo_serve

@@ -1,0 +1,84 @@
+// Transmission off the event loop: VCI_Transmit waits for a USB round trip, so one thread sends
+// for every client, from a bounded queue per client, taking the clients in turn.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "vexlo.h"
+
+namespace vexlo_serve {
+
+// The transmit thread and its queues. Queue ids are never reused. Each queue holds at most
+// `capacity` frames counted from Push until their result has been taken (TakeResults), so memory
+// stays bounded however fast a client sends and however slow the adapter is. The results of each
+// queue come in the order of its frames; a readable Fd() says results wait.
+//
+// Locking: one mutex guards the queues, the results and the pause state; VCI_Transmit runs
+// without it. Pause() returns once no VCI_Transmit runs and none will start until Resume(), so
+// the adapter may be closed meanwhile.
+class XTransmitter {
+public:
+    struct Result {
+        uint64_t queue;
+        unsigned channel;
+        CAN_OBJ frame;
+        bool taken;        // accepted by the adapter
+        uint64_t host_us;  // host time the adapter accepted it
+    };
+
+    explicit XTransmitter(unsigned capacity = 64) : capacity_(capacity) {}
+    ~XTransmitter() { Stop(); }
+    // Starts the thread (paused until Resume). False when the thread or eventfd cannot be made.
+    bool Start();
+    void Stop();
+    void Pause();
+    void Resume(unsigned dev);
+
+    uint64_t AddQueue();
+    // Drops the queue's waiting frames and its results still to come.
+    void RemoveQueue(uint64_t queue);
+    // Queues a frame for `channel`; false when the queue is full (or unknown).
+    bool Push(uint64_t queue, unsigned channel, const CAN_OBJ& frame);
+    // Drops every waiting frame: each comes back as a result not taken.
+    void DropWaiting();
+    // Moves the waiting results into *out (which is cleared first).
+    void TakeResults(std::vector<Result>* out);
+    int Fd() const { return event_; }
+    unsigned capacity() const { return capacity_; }
+
+private:
+    struct Item {
+        unsigned channel;
+        CAN_OBJ frame;
+    };
+    struct Queue {
+        uint64_t id;
+        std::deque<Item> waiting;
+        unsigned held = 0;  // frames pushed whose result has not been taken
+    };
+    void Main();
+    Queue* Find(uint64_t id);
+    void Signal();
+
+    unsigned capacity_;
+    std::mutex mu_;
+    std::condition_variable cv_;   // wakes the thread: frames, resume, stop
+    std::condition_variable idle_; // wakes Pause: the current transmission ended
+    std::vector<Queue> queues_;
+    size_t turn_ = 0;              // the queue whose turn is next
+    std::vector<Result> results_;
+    uint64_t next_id_ = 1;
+    unsigned dev_ = 0;
+    bool paused_ = true;
+    bool busy_ = false;
+    bool stop_ = false;
+    int event_ = -1;
+    std::thread thread_;
+};
+
+}  // namespace vexlo_serve
