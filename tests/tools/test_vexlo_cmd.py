@@ -1,5 +1,4 @@
 """The vexlo command against the simulated adapter: what reaches the bus, what other tools read."""
-import ctypes
 import os
 import shlex
 import subprocess
@@ -10,6 +9,7 @@ import pytest
 
 VEXLO = os.environ["VEXLO"]
 SIM = os.environ["VEXLO_SIM"]
+SANITIZED = any(k in os.environ for k in ("ASAN_OPTIONS", "TSAN_OPTIONS"))
 
 
 def run(sim_args, cmd, timeout=60, cwd=None):
@@ -115,7 +115,8 @@ def test_unplug_ends_the_command_within_a_second(cmd):
     start = time.monotonic()
     rc, _, err = run(["--uncabled", "--trace", os.devnull, "--unplug", "0:1"], [VEXLO, *cmd.split()], timeout=15)
     assert (rc, "vexlo: adapter 0 was unplugged\n" in err) == (1, True)
-    assert time.monotonic() - start < 2.5
+    # The unplug comes 1 s after the start; a sanitized build starts and stops several times slower.
+    assert time.monotonic() - start < (8 if SANITIZED else 2.5)
 
 
 def test_gen_count_waits_for_the_bus_and_timing_is_the_librarys(tmp_path):
@@ -123,9 +124,8 @@ def test_gen_count_waits_for_the_bus_and_timing_is_the_librarys(tmp_path):
     rc, _, err = run(["--uncabled", "--trace", str(trace)], [VEXLO, "gen", "-g", "0", "-I", "i", "-n", "300", "0"])
     assert rc == 0, err
     assert [f[0] for f in frames(trace)] == list(range(300))
-    # The controller's timing bytes for 83,333 bit/s are those the library's rule gives.
-    b0, b1 = ctypes.c_ubyte(), ctypes.c_ubyte()
-    assert ctypes.CDLL(os.environ["VEXLO_LIB"]).vexlo_timing_for_rate(83333, ctypes.byref(b0), ctypes.byref(b1),
-                                                                       None, None) == 1
+    # The controller's timing bytes for 83,333 bit/s are those of the library's rule: 192 clocks a
+    # bit, prescaler 6 (05), 16 quanta sampled after 14 (1C): 87.5%. (python-can's bus is checked
+    # against the library's call itself; a python of this build cannot load a sanitized library.)
     rc, out, err = run([], [VEXLO, "stat", "-b", "83333", "0"])
-    assert f"bit timing        {b0.value:02X}:{b1.value:02X}, 833" in out, err
+    assert "bit timing        05:1C, 833" in out, err
