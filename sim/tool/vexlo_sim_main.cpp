@@ -2,6 +2,7 @@
 // program runs in a child process with the umockdev preload, which routes its USB calls here.
 // This process has the preload linked in as well, so that the testbed can send the program's
 // libusb the events of an unplug and a replug.
+#include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -23,25 +25,8 @@
 using namespace vexlo_sim;
 
 namespace {
-// The program runs in a process group of its own, whose id is its pid.
-volatile pid_t g_child = 0;
-volatile sig_atomic_t g_ended = 0;
 // Seconds a program has to end after a termination before its whole group is killed.
-const unsigned kGraceSeconds = 5;
-
-// A termination (SIGTERM, SIGINT, SIGHUP) sent to vexlo-sim goes on to the program's process
-// group, so that what the program started ends with it; the program then ends and lets the trace
-// be written out. One that does not end in time is killed, with its group.
-void PassOn(int sig) {
-    if (g_child <= 0) return;
-    g_ended = 1;
-    kill(-g_child, sig);
-    alarm(kGraceSeconds);
-}
-
-void KillGroup(int) {
-    if (g_child > 0) kill(-g_child, SIGKILL);
-}
+const int kGraceSeconds = 5;
 
 void SetSignal(int sig, void (*handler)(int)) {
     struct sigaction sa;
@@ -50,6 +35,47 @@ void SetSignal(int sig, void (*handler)(int)) {
     sigemptyset(&sa.sa_mask);
     sa.sa_flags = SA_RESTART;
     sigaction(sig, &sa, nullptr);
+}
+
+// The signals this process takes in turn on its main thread: a termination and the end of the
+// program. They are blocked in every thread from the start (the testbed's threads inherit the
+// mask), so none is lost to another thread or deferred by a sanitizer's handler machinery.
+sigset_t Watched() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&set, sig);
+    return set;
+}
+
+// Waits for the program to end. A termination (SIGTERM, SIGINT, SIGHUP) sent to vexlo-sim goes on
+// to the program's process group, so that what the program started ends with it; the program
+// then ends and lets the trace be written out. One that does not end in time is killed, with its
+// group, and so is what it leaves behind.
+int WaitForProgram(pid_t pid, const sigset_t& watched) {
+    int status = 0;
+    bool ended = false;
+    struct timespec deadline = {0, 0};
+    for (;;) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) break;
+        if (r < 0 && errno != EINTR) {
+            std::perror("vexlo-sim: waitpid");
+            return -1;
+        }
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (ended && now.tv_sec >= deadline.tv_sec) kill(-pid, SIGKILL);
+        struct timespec wait = {0, 200000000};  // the program's end is also looked for every 200 ms
+        siginfo_t info;
+        int sig = sigtimedwait(&watched, &info, &wait);
+        if (sig == SIGTERM || sig == SIGINT || sig == SIGHUP) {
+            kill(-pid, sig);
+            if (!ended) deadline.tv_sec = now.tv_sec + kGraceSeconds;
+            ended = true;
+        }
+    }
+    if (ended) kill(-pid, SIGKILL);
+    return status;
 }
 }  // namespace
 
@@ -68,6 +94,9 @@ int main(int argc, char** argv) {
         std::fputs(SimUsage(), stdout);
         return 0;
     }
+    const sigset_t watched = Watched();
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &watched, &previous);
     SimTrace trace;  // outlives the testbed, whose engine feeds it
     SimTestbed bed(opt.adapters, opt.ids, true);
     if (!bed.Ok()) {
@@ -91,7 +120,6 @@ int main(int argc, char** argv) {
     // The child gets the preload ahead of whatever it already preloads.
     std::string preload = SimChildPreload(opt.program[0], std::getenv("LD_PRELOAD"));
     std::fflush(nullptr);
-    SetSignal(SIGINT, SIG_IGN);
     SetSignal(SIGQUIT, SIG_IGN);
     SetSignal(SIGPIPE, SIG_IGN);  // a trace pipe that closes is reported, not fatal
     // On a terminal where vexlo-sim is in the foreground, the program's group takes the terminal:
@@ -110,10 +138,10 @@ int main(int argc, char** argv) {
         // Killed outright, vexlo-sim takes the program with it.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(128 + SIGKILL);
-        SetSignal(SIGINT, SIG_DFL);
         SetSignal(SIGQUIT, SIG_DFL);
         SetSignal(SIGPIPE, SIG_DFL);
         SetSignal(SIGTTOU, SIG_DFL);
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
         setenv("LD_PRELOAD", preload.c_str(), 1);
         std::vector<char*> args;
         for (std::string& s : opt.program) args.push_back(&s[0]);
@@ -124,21 +152,9 @@ int main(int argc, char** argv) {
     }
     setpgid(pid, pid);  // also here: whichever of the two runs first
     if (terminal) tcsetpgrp(STDIN_FILENO, pid);
-    g_child = pid;
-    SetSignal(SIGALRM, &KillGroup);
-    SetSignal(SIGTERM, &PassOn);
-    SetSignal(SIGHUP, &PassOn);
-    SetSignal(SIGINT, &PassOn);
     plan.Start();
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            std::perror("vexlo-sim: waitpid");
-            return 2;
-        }
-    }
-    alarm(0);
-    if (g_ended) kill(-pid, SIGKILL);  // what the program started and left behind
+    int status = WaitForProgram(pid, watched);
+    if (status < 0) return 2;
     if (terminal) tcsetpgrp(STDIN_FILENO, getpgrp());
     plan.Stop();
     if (WIFEXITED(status)) return WEXITSTATUS(status);
