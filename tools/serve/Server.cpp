@@ -31,10 +31,10 @@ XServer::~XServer() {
     }
 }
 
-bool XServer::Listen(const std::string& spec) {
+bool XServer::Listen(const std::string& where) {
     std::string host, error;
     unsigned port = 0;
-    if (!ParseHostPort(spec, 0, &host, &port, &error)) {
+    if (!ParseHostPort(where, 0, &host, &port, &error)) {
         std::fprintf(stderr, "vexlo: %s\n", error.c_str());
         return false;
     }
@@ -45,7 +45,7 @@ bool XServer::Listen(const std::string& spec) {
     addrinfo* res = nullptr;
     int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &res);
     if (rc != 0 || !res) {
-        std::fprintf(stderr, "vexlo: cannot listen on %s: %s\n", spec.c_str(), gai_strerror(rc));
+        std::fprintf(stderr, "vexlo: cannot listen on %s: %s\n", where.c_str(), gai_strerror(rc));
         return false;
     }
     int fd = socket(res->ai_family, res->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -53,7 +53,7 @@ bool XServer::Listen(const std::string& spec) {
     if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     if (fd >= 0 && res->ai_family == AF_INET6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));
     if (fd < 0 || bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 64) != 0) {
-        std::fprintf(stderr, "vexlo: cannot listen on %s: %s\n", spec.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "vexlo: cannot listen on %s: %s\n", where.c_str(), std::strerror(errno));
         if (fd >= 0) close(fd);
         freeaddrinfo(res);
         return false;
@@ -129,8 +129,8 @@ int XServer::Run() {
     signals_ = signalfd(-1, &stops, SFD_NONBLOCK | SFD_CLOEXEC);
     loop_.Watch(signals_, EPOLLIN, [this](uint32_t) { loop_.Stop(); });
 
-    for (const std::string& spec : options_.listen)
-        if (!Listen(spec)) return 1;
+    for (const std::string& where : options_.listen)
+        if (!Listen(where)) return 1;
     std::string why;
     if (!hub_.Start(&why)) {
         std::fprintf(stderr, "vexlo: cannot open adapter %u: %s\n", options_.hub.dev, why.c_str());
@@ -145,7 +145,7 @@ int XServer::Run() {
         if (!slcan_ports_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
     }
     std::string where;
-    for (const std::string& spec : options_.listen) where += (where.empty() ? "" : ", ") + spec;
+    for (const std::string& at : options_.listen) where += (where.empty() ? "" : ", ") + at;
     std::fprintf(stderr, "vexlo: serving adapter %u as %s and %s on %s\n", options_.hub.dev,
                  options_.bus_names[0].c_str(), options_.bus_names[1].c_str(), where.c_str());
     if (!options_.beacon_off &&

@@ -37,7 +37,7 @@ public:
     int Run();
 
 private:
-    bool Listen(const std::string& spec);
+    bool Listen(const std::string& where);
     void Accept(int listener);
 
     XServeOptions options_;

@@ -208,15 +208,15 @@ XSlcanTcp::~XSlcanTcp() {
 }
 
 bool XSlcanTcp::Start(std::string* why) {
-    std::string spec = address_.find(':') == std::string::npos ? "127.0.0.1:" + address_ : address_, host;
+    std::string where = address_.find(':') == std::string::npos ? "127.0.0.1:" + address_ : address_, host;
     unsigned port = 0;
-    if (!ParseHostPort(spec, 0, &host, &port, why)) return false;
+    if (!ParseHostPort(where, 0, &host, &port, why)) return false;
     addrinfo hints{}, *found = nullptr;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE;
     int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
     if (rc != 0 || !found) {
-        *why = "cannot listen on " + spec + ": " + gai_strerror(rc);
+        *why = "cannot listen on " + where + ": " + gai_strerror(rc);
         return false;
     }
     listen_ = socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -225,11 +225,11 @@ bool XSlcanTcp::Start(std::string* why) {
     bool ok = listen_ >= 0 && bind(listen_, found->ai_addr, found->ai_addrlen) == 0 && listen(listen_, 4) == 0;
     freeaddrinfo(found);
     if (!ok) {
-        *why = "cannot listen on " + spec + ": " + std::strerror(errno);
+        *why = "cannot listen on " + where + ": " + std::strerror(errno);
         return false;
     }
     loop_->Watch(listen_, EPOLLIN, [this](uint32_t) { Accept(); });
-    std::fprintf(stderr, "vexlo: can%u as a serial line on tcp %s\n", bus_, spec.c_str());
+    std::fprintf(stderr, "vexlo: can%u as a serial line on tcp %s\n", bus_, where.c_str());
     return true;
 }
 
