@@ -41,6 +41,8 @@ memcheck_runs=(
   "--trace /dev/null -- tools/vexlo gen -g 0 -n 100 0"
   "--trace /dev/null -- tools/vexlo play tests/tools/memcheck-play.log"
   "-g 0:1000 -- tools/vexlo stat 0"
+  "-g 1:1000 -- tools/vexlo dump -n 20 -w /dev/null 1"
+  "-n 2 -- tools/vexlo-extcap --extcap-interfaces"
 )
 
 memcheck() {
