@@ -42,26 +42,15 @@ public:
         return 1;
     }
 
-    int Pop(CAN_OBJ* obj) {
+    // Takes the oldest frame, and its host time when `host_us` is not null.
+    int Pop(CAN_OBJ* obj, U64* host_us = nullptr) {
         U32 rd = rd_.load(std::memory_order_relaxed);
         if (wrseen_ == rd) {
             wrseen_ = wr_.load(std::memory_order_acquire);
             if (wrseen_ == rd) return 0;
         }
         *obj = buf_[rd & (cap_ - 1)];
-        rd_.store(rd + 1, std::memory_order_release);
-        return 1;
-    }
-
-    // Pop with the frame's host time.
-    int Pop(CAN_OBJ* obj, U64* host_us) {
-        U32 rd = rd_.load(std::memory_order_relaxed);
-        if (wrseen_ == rd) {
-            wrseen_ = wr_.load(std::memory_order_acquire);
-            if (wrseen_ == rd) return 0;
-        }
-        *obj = buf_[rd & (cap_ - 1)];
-        *host_us = host_[rd & (cap_ - 1)];
+        if (host_us) *host_us = host_[rd & (cap_ - 1)];
         rd_.store(rd + 1, std::memory_order_release);
         return 1;
     }

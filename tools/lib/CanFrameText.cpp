@@ -3,7 +3,6 @@
 #include <cstring>
 
 namespace vexlo_tool {
-namespace {
 
 int HexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -11,6 +10,8 @@ int HexValue(char c) {
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
 }
+namespace {
+
 
 const char kHex[] = "0123456789ABCDEF";
 

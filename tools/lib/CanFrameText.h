@@ -12,6 +12,9 @@ namespace vexlo_tool {
 // The flag that marks an error frame's identifier in the Linux CAN formats (0x20000000 | class).
 const uint32_t kErrFlag = 0x20000000u;
 
+// The value of one hex digit, either case; -1 for any other character. Example: 'b' -> 11.
+int HexValue(char c);
+
 // Parses one frame in the compact form "ID#DATA" into *frame (zeroed first).
 //   ID: 3 hex digits (standard, at most 7FF) or 8 hex digits (extended, at most 1FFFFFFF).
 //   DATA: 0 to 8 bytes of two hex digits each, optionally separated by dots; "R" alone or "R0".."R8"

@@ -2,21 +2,16 @@
 
 #include <cstring>
 
+#include "CanFrameText.h"
+
 namespace vexlo_tool {
 namespace {
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
 
 // Reads `digits` hex digits at text; false if any is not one.
 bool ReadHex(const char* text, size_t digits, uint32_t* value) {
     uint32_t v = 0;
     for (size_t i = 0; i < digits; ++i) {
-        int d = HexDigit(text[i]);
+        int d = HexValue(text[i]);
         if (d < 0) return false;
         v = v << 4 | static_cast<uint32_t>(d);
     }

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <vector>
 
+#include "CanFrameText.h"
+
 namespace vexlo_serve {
 
 XCommandReader::Status XCommandReader::Take(char c, std::string* command) {
@@ -41,18 +43,11 @@ std::vector<std::string> Split(const std::string& text) {
     return out;
 }
 
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 bool Hex(const std::string& t, size_t max_digits, unsigned* value) {
     if (t.empty() || t.size() > max_digits) return false;
     unsigned v = 0;
     for (char c : t) {
-        int d = HexDigit(c);
+        int d = vexlo_tool::HexValue(c);
         if (d < 0) return false;
         v = v << 4 | static_cast<unsigned>(d);
     }
