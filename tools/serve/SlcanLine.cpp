@@ -138,7 +138,7 @@ bool XSlcanLine::Configure(const CAN_INIT& init) {
     if (!hub_->Configure(this, bus_, init)) return false;
     unsigned rate = 0, sample = 0;
     vexlo_rate_for_timing(init.BusTiming0, init.BusTiming1, &rate, &sample);
-    std::fprintf(stderr, "vexlo: can%u set by %s: %u bit/s (timing %02X:%02X), acceptance code %08X mask %08X\n", bus_,
+    std::fprintf(stderr, "vexlo: channel %u set by %s: %u bit/s (timing %02X:%02X), acceptance code %08X mask %08X\n", bus_,
                  name_.c_str(), rate, init.BusTiming0, init.BusTiming1, init.AcceptCode, init.AcceptMask);
     return true;
 }
@@ -163,7 +163,7 @@ XSlcanPty::~XSlcanPty() {
 
 bool XSlcanPty::Start(std::string* why) {
     if (!Renew(why)) return false;
-    std::fprintf(stderr, "vexlo: can%u as a serial line at %s\n", bus_, link_.c_str());
+    std::fprintf(stderr, "vexlo: channel %u as a serial line at %s\n", bus_, link_.c_str());
     return true;
 }
 
@@ -229,7 +229,7 @@ bool XSlcanTcp::Start(std::string* why) {
         return false;
     }
     loop_->Watch(listen_, EPOLLIN, [this](uint32_t) { Accept(); });
-    std::fprintf(stderr, "vexlo: can%u as a serial line on tcp %s\n", bus_, where.c_str());
+    std::fprintf(stderr, "vexlo: channel %u as a serial line on tcp %s\n", bus_, where.c_str());
     return true;
 }
 
