@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs, on a Debian 12 machine, every package vexlo needs to build, test and run its demo,
 # and to build and check its Debian packages (scdoc for the manual pages; dpkg-dev, file, lintian),
-# and the clients its front ends are tested with (tshark, python3-serial, systemd-analyze).
+# and the clients its front ends are tested with (tshark, python3-serial, systemd-analyze; Linux 6.1's
+# CAN stack in user-mode Linux with can-utils, kmod and iproute2 inside).
 # Idempotent and quiet: when everything is there it installs nothing and prints nothing.
 set -euo pipefail
 
@@ -17,6 +18,7 @@ packages=(
   python3-can python3-pytest python3-pip python3-setuptools python3-venv
   gcovr
   libpcap-dev tshark python3-serial systemd
+  user-mode-linux can-utils kmod iproute2 libmnl-dev
 )
 
 missing=()
