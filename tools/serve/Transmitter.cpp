@@ -3,6 +3,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "Loop.h"
 
 namespace vexlo_serve {
@@ -12,6 +14,10 @@ namespace {
 const unsigned kDevType = 4;
 // Frames handed to one VCI_Transmit: the library sends three per USB round trip.
 const unsigned kBatch = 3;
+// A full transmit buffer is offered the refused frames again after kRetryUs (a frame lasts 0.05 to
+// 13 ms on the bus); kGiveUpUs without the adapter taking any frame, and they are refused.
+const uint64_t kRetryUs = 2000;
+const uint64_t kGiveUpUs = 1000000;
 }  // namespace
 
 bool XTransmitter::Start() {
@@ -122,20 +128,26 @@ void XTransmitter::Signal() {
 void XTransmitter::Main() {
     std::unique_lock<std::mutex> lock(mu_);
     for (;;) {
-        // The next queue in turn with a frame waiting.
+        // The next queue in turn with a frame waiting that may be offered now.
         Queue* q = nullptr;
+        uint64_t now = MonoUs(), wake = 0;
         if (!paused_) {
             for (size_t k = 0; k < queues_.size() && !q; ++k) {
                 size_t i = (turn_ + k) % queues_.size();
-                if (!queues_[i].waiting.empty()) {
-                    q = &queues_[i];
-                    turn_ = i + 1;
+                Queue& c = queues_[i];
+                if (c.waiting.empty()) continue;
+                if (c.retry_at > now) {
+                    wake = wake && wake < c.retry_at ? wake : c.retry_at;
+                    continue;
                 }
+                q = &c;
+                turn_ = i + 1;
             }
         }
         if (stop_) return;
         if (!q) {
-            cv_.wait(lock);
+            if (wake) cv_.wait_for(lock, std::chrono::microseconds(wake - now));
+            else cv_.wait(lock);
             continue;
         }
         // Up to one batch of the queue's frames for one channel, in order.
@@ -151,14 +163,32 @@ void XTransmitter::Main() {
         busy_ = true;
         lock.unlock();
         unsigned taken = VCI_Transmit(kDevType, dev, channel, frames, n);
-        uint64_t now = RealUs();
+        if (taken > n) taken = 0;
+        uint64_t real = RealUs();
+        now = MonoUs();
         lock.lock();
         busy_ = false;
         idle_.notify_all();
-        if (Find(id)) {
-            for (unsigned i = 0; i < n; ++i) results_.push_back(Result{id, channel, frames[i], i < taken, now});
-            Signal();
+        q = Find(id);
+        if (!q) continue;
+        for (unsigned i = 0; i < taken; ++i) results_.push_back(Result{id, channel, frames[i], true, real});
+        if (taken == n) {
+            q->stuck_since = 0;
+        } else {
+            // The adapter's buffer is full: the rest goes back to the head of the queue, in order, until
+            // the adapter has taken nothing for kGiveUpUs; then the queue's frames are refused.
+            if (taken > 0 || !q->stuck_since) q->stuck_since = now;
+            if (now - q->stuck_since < kGiveUpUs) {
+                for (unsigned i = n; i-- > taken;) q->waiting.push_front(Item{channel, frames[i]});
+                q->retry_at = now + kRetryUs;
+            } else {
+                for (unsigned i = taken; i < n; ++i) results_.push_back(Result{id, channel, frames[i], false, real});
+                for (const Item& it : q->waiting) results_.push_back(Result{id, it.channel, it.frame, false, real});
+                q->waiting.clear();
+                q->stuck_since = 0;
+            }
         }
+        if (taken || q->waiting.empty()) Signal();
     }
 }
 

@@ -16,7 +16,10 @@ namespace vexlo_serve {
 // The transmit thread and its queues. Queue ids are never reused. Each queue holds at most
 // `capacity` frames counted from Push until their result has been taken (TakeResults), so memory
 // stays bounded however fast a client sends and however slow the adapter is. The results of each
-// queue come in the order of its frames; a readable Fd() says results wait.
+// queue come in the order of its frames; a readable Fd() says results wait. Frames the adapter
+// does not take because its transmit buffer is full wait at the head of their queue and are
+// offered again once the bus has had time to drain it (the other queues go on meanwhile); a
+// queue whose frames the adapter has taken none of for a second has its waiting frames refused.
 //
 // Locking: one mutex guards the queues, the results and the pause state; VCI_Transmit runs
 // without it. Pause() returns once no VCI_Transmit runs and none will start until Resume(), so
@@ -59,7 +62,9 @@ private:
     struct Queue {
         uint64_t id;
         std::deque<Item> waiting;
-        unsigned held = 0;  // frames pushed whose result has not been taken
+        unsigned held = 0;       // frames pushed whose result has not been taken
+        uint64_t retry_at = 0;   // CLOCK_MONOTONIC microseconds: not offered before then
+        uint64_t stuck_since = 0;  // the first refusal since the adapter last took a frame, 0: none
     };
     void Main();
     Queue* Find(uint64_t id);
