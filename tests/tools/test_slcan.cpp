@@ -39,10 +39,10 @@ public:
 };
 
 // A frame of bytes A0 A1 ... received at 61,234 ms: stamp 1234 (04D2) after the wrap at 60,000.
-// Error frames carry "receive and transmit passive" (30) as their detail.
-VEXLO_FRAME Frame(unsigned id, bool ext, bool rtr, unsigned len, unsigned flags = 0) {
+// Error frames carry `detail` in Data[1] (default "receive and transmit passive").
+VEXLO_FRAME Frame(unsigned id, bool ext, bool rtr, unsigned len, unsigned flags = 0, unsigned char detail = 0x30) {
     VEXLO_FRAME f{{id, 0, 0, 0, static_cast<unsigned char>(rtr), static_cast<unsigned char>(ext),
-                   static_cast<unsigned char>(len), {0xA0, static_cast<unsigned char>(flags ? 0x30 : 0xA1), 0xA2, 0xA3,
+                   static_cast<unsigned char>(len), {0xA0, static_cast<unsigned char>(flags ? detail : 0xA1), 0xA2, 0xA3,
                    0xA4, 0xA5, 0xA6, 0xA7}, {0, 0, 0}}, flags, 0, 61234567};
     return f;
 }
@@ -80,14 +80,20 @@ TEST(Slcan, session_answers_and_reaches_the_channel) {
         EXPECT_EQ(out, r.out);
         EXPECT_EQ(port.calls_, r.calls);
     }
-    // Received frames with Z1 on: every field, the stamp, the length clipped; error frames raise flags.
+    // Received frames with Z1 on: every field, the stamp, the length clipped; error frames raise flags
+    // and give the kernel's state lines (warning, passive with its counters) and receive overruns; a
+    // frame the adapter did not take gives a transmit overrun.
     std::string out;
-    for (const VEXLO_FRAME& f : {Frame(0x123, false, false, 2), Frame(0x1ABCDEF0, true, false, 12),
-                                 Frame(0x7FF, false, true, 3), Frame(0x002, false, false, 8, VEXLO_FRAME_ERROR),
-                                 Frame(0x204, false, false, 8, VEXLO_FRAME_ERROR)})
+    for (const VEXLO_FRAME& f :
+         {Frame(0x123, false, false, 2), Frame(0x1ABCDEF0, true, false, 12), Frame(0x7FF, false, true, 3),
+          Frame(0x002, false, false, 8, VEXLO_FRAME_ERROR), Frame(0x004, false, false, 8, VEXLO_FRAME_ERROR, 0x0C),
+          Frame(0x204, false, false, 8, VEXLO_FRAME_ERROR), Frame(0x004, false, false, 8, VEXLO_FRAME_ERROR, 0x01)})
         session.Received(f, &out);
+    session.Input("F\r", 2, &out);
+    session.Refused(&out);
     session.Input("F\rF\r", 4, &out);
-    EXPECT_EQ(out, "t1232A0A104D2\rT1ABCDEF08A0A1A2A3A4A5A6A704D2\rr7FF304D2\rF60\rF00\r");
+    EXPECT_EQ(out, "t1232A0A104D2\rT1ABCDEF08A0A1A2A3A4A5A6A704D2\rr7FF304D2\rsw000000\rsp167166\re1o\rF6C\re1O\rF02\r"
+                   "F00\r");
     // A busy channel holds the frame and the commands after it until Resume.
     port.busy_ = true;
     out.clear();

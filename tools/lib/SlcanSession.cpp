@@ -40,9 +40,16 @@ void XSlcanSession::Resume(std::string* out) {
 void XSlcanSession::Received(const VEXLO_FRAME& frame, std::string* out) {
     if (frame.flags & VEXLO_FRAME_ERROR) {
         flags_ |= SlcanStatusFlags(frame.frame);
+        std::string lines = FormatSlcanErrorState(frame.frame, &state_);
+        if (open_) *out += lines;
         return;
     }
     if (open_) *out += FormatSlcanFrame(frame.frame, stamps_, frame.host_us);
+}
+
+void XSlcanSession::Refused(std::string* out) {
+    flags_ |= 0x02;
+    if (open_) *out += "e1O\r";
 }
 
 void XSlcanSession::End() {
@@ -68,6 +75,7 @@ bool XSlcanSession::Run(const SlcanCommand& c, std::string* out) {
     case SlcanCommand::kOpen:
     case SlcanCommand::kListen:
         ok = open_ || port_->SetOpen(true);
+        if (ok && !open_) state_ = 'a';  // as the kernel's slcan assumes when its interface goes up
         open_ = ok;
         listen_only_ = c.kind == SlcanCommand::kListen;
         break;

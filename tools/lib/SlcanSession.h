@@ -43,8 +43,10 @@ public:
 // has is answered CR at once, any other goes to XSlcanPort::Configure. "L" opens without
 // transmitting: the channel itself keeps acknowledging, as its other clients need. A sent frame
 // is answered "z" (standard) or "Z" (extended) and CR, as the original devices do, once the
-// channel has queued it. "F" reports
-// the flags of the error frames received since the last "F" and clears them.
+// channel has queued it. "F" reports the flags of the error frames received since the last "F"
+// and clears them. An open line also gets the error state lines of the Linux kernel's slcan
+// driver (FormatSlcanErrorState) and "e1O" for each sent frame the adapter did not take; other
+// clients skip lines they do not know.
 class XSlcanSession {
 public:
     XSlcanSession(XSlcanPort* port, const SlcanIdentity& identity) : port_(port), identity_(identity) {}
@@ -59,8 +61,9 @@ public:
     void Received(const VEXLO_FRAME& frame, std::string* out);
     // Frames the client was too slow to take: raises the data overrun flag.
     void Lost() { flags_ |= 0x08; }
-    // A frame the adapter did not take after all: raises the transmit flag (bit 1).
-    void Refused() { flags_ |= 0x02; }
+    // A frame the adapter did not take after all: raises the transmit flag (bit 1); an open line
+    // gets "e1O" (a transmit overrun to the kernel's slcan, which counts it as a transmit error).
+    void Refused(std::string* out);
     // Leaves the channel (the client went away, or the channel is gone).
     void End();
     bool open() const { return open_; }
@@ -79,6 +82,7 @@ private:
     bool listen_only_ = false;
     bool stamps_ = false;
     unsigned flags_ = 0;
+    char state_ = 'a';  // the error state the line last reported: 'a', 'w' or 'p'
 };
 
 }  // namespace vexlo_tool

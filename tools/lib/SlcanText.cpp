@@ -1,5 +1,6 @@
 #include "SlcanText.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "CanFrameText.h"
@@ -140,10 +141,13 @@ std::string FormatSlcanFrame(const CAN_OBJ& frame, bool stamp, uint64_t host_us)
     return out;
 }
 
+namespace {
+// Error classes of the Linux error-frame layout.
+const unsigned kLostArbitration = 0x002, kController = 0x004, kProtocol = 0x008, kBusOff = 0x040, kBusError = 0x080,
+               kCounters = 0x200;
+}  // namespace
+
 unsigned SlcanStatusFlags(const CAN_OBJ& error_frame) {
-    // Error classes and controller details of the Linux error-frame layout.
-    const unsigned kLostArbitration = 0x002, kController = 0x004, kProtocol = 0x008, kBusOff = 0x040,
-                   kBusError = 0x080;
     unsigned cls = error_frame.Id, detail = error_frame.Data[1], flags = 0;
     if (cls & kLostArbitration) flags |= 0x40;
     if (cls & kController) {
@@ -153,6 +157,28 @@ unsigned SlcanStatusFlags(const CAN_OBJ& error_frame) {
     }
     if (cls & (kProtocol | kBusError | kBusOff)) flags |= 0x80;
     return flags;
+}
+
+std::string FormatSlcanErrorState(const CAN_OBJ& error_frame, char* state) {
+    std::string out;
+    unsigned cls = error_frame.Id, detail = error_frame.Data[1];
+    if (!(cls & kController)) return out;
+    if (detail & 0x01) out += "e1o\r";
+    unsigned tx = 0, rx = 0;
+    char next = *state;
+    if ((cls & kCounters) && (detail & 0x30)) {
+        tx = error_frame.Data[6];
+        rx = error_frame.Data[7];
+        unsigned most = tx > rx ? tx : rx;
+        next = most >= 128 ? 'p' : most >= 96 ? 'w' : 'a';
+    } else if (detail & 0x0C) {
+        next = *state == 'a' ? 'w' : *state == 'w' ? 'a' : *state;
+    }
+    if (next == *state) return out;
+    *state = next;
+    char text[16];
+    std::snprintf(text, sizeof(text), "s%c%03u%03u\r", next, rx, tx);
+    return out + text;
 }
 
 }  // namespace vexlo_tool

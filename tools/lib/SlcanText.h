@@ -70,4 +70,14 @@ std::string FormatSlcanFrame(const CAN_OBJ& frame, bool stamp, uint64_t host_us)
 // Example: class 0x002 (arbitration lost) -> 0x40.
 unsigned SlcanStatusFlags(const CAN_OBJ& error_frame);
 
+// The lines the Linux kernel's slcan driver (6.0 and later) reads as error state and error
+// frames, for an error frame of the library's layout: a data overrun gives "e1o" (receive
+// overrun); an error warning or error passive notice that changes *state ('a' active, 'w' warning,
+// 'p' passive) gives "s" + the new state + the receive and transmit error counters as three
+// decimal digits each (000 where the notice carries none). A warning notice reports a change of
+// the warning status, so it moves an active line to warning and a warning line back to active; a
+// passive notice names the state by its counters. Other classes give nothing.
+// Example: class 0x204, Data[1] 30, Data[6] 128, Data[7] 5, *state 'w' -> "sp005128\r", *state 'p'.
+std::string FormatSlcanErrorState(const CAN_OBJ& error_frame, char* state);
+
 }  // namespace vexlo_tool
