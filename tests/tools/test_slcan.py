@@ -3,6 +3,7 @@ socketcand interfaces as the clients. Channels 0 and 1 of the simulated adapter 
 import os
 import socket
 import subprocess
+import threading
 import time
 
 import can
@@ -24,13 +25,13 @@ def serve(tmp_path):
     tcp_ch; gives the link, the TCP line's URL and port, the socketcand port and the process."""
     procs = []
 
-    def start(sim_args=(), link_ch=0, tcp_ch=1):
+    def start(sim_args=(), link_ch=0, tcp_ch=1, args=()):
         s = {"link": str(tmp_path / "ttyVEXLO0"), "tcp": free_port(), "socketcand": free_port()}
         s["url"] = f"socket://127.0.0.1:{s['tcp']}"
         s["proc"] = p = subprocess.Popen(
             [SIM, "--hw-version", "0105", "--fw-version", "0207", "--serial", "SER4321", *sim_args, "--", VEXLO,
              "serve", "--no-beacon", "--listen", f"127.0.0.1:{s['socketcand']}", "--slcan", f"{s['link']}={link_ch}",
-             "--slcan-tcp", f"{s['tcp']}={tcp_ch}"], stderr=subprocess.PIPE, text=True)
+             "--slcan-tcp", f"{s['tcp']}={tcp_ch}", *args], stderr=subprocess.PIPE, text=True)
         procs.append(p)
         while "serving adapter" not in (line := p.stderr.readline()):
             assert line, "the server did not start"
@@ -94,7 +95,9 @@ def test_python_can_both_ways_over_pty_and_tcp_rates_stamps_and_identity(serve):
         assert exchange(a, b"C\rS4\rO\rZ1\r", b"\r\r\r\r") == b"\r\r\r\r"
         assert exchange(b, b"O\rt1230\r", b"z\r") == b"\rz\r"
         assert exchange(a, b"", b"never", 0.5) == b""
-        assert exchange(b, b"C\rs031C\rO\rt1231AA\r", b"z\r") == b"\r\r\rz\r"
+        # Its frame, acknowledged by nobody, took the channel to error warning, then to error passive
+        # at a transmit error count of 128: state lines as the kernel's slcan reads them.
+        assert exchange(b, b"C\rs031C\rO\rt1231AA\r", b"z\r") == b"sw000000\rsp000128\r\r\r\rz\r"
         line = exchange(a, b"")
         assert line[:7] == b"t1231AA" and abs(int(line[7:11], 16) - time.time() * 1000 % 60000) < 1000
         # An unknown command gets BEL and the line goes on.
@@ -120,6 +123,13 @@ def test_slcan_and_socketcand_clients_share_a_channel(serve):
 
 def test_bad_clients_do_not_block_the_server(serve):
     s = serve(["-g", "0:4000:seq8"], link_ch=1, tcp_ch=0)
+    # A new client starts on a closed line with nothing queued, also right after the last one closed.
+    for _ in range(20):
+        with open(s["link"], "r+b", buffering=0) as old:
+            old.write(b"O\rZ1\r")
+            time.sleep(0.01)
+        with serial.serial_for_url(s["link"], timeout=0.2) as new:
+            assert exchange(new, b"V\r", b"V1020\r") == b"V1020\r"
     never = serial.serial_for_url(s["link"], timeout=0.2)  # opens the line and does not read for 2 s
     never.write(b"O\r")
     with socket.create_connection(("127.0.0.1", s["tcp"])) as c:
@@ -129,9 +139,41 @@ def test_bad_clients_do_not_block_the_server(serve):
         while not data.endswith(b"\aV1020\r") and time.time() < end:
             data += c.recv(65536)
         assert data.endswith(b"\aV1020\r")
-    time.sleep(2)
-    # The replies come after what was held, and the frames that did not fit raised the overrun flag.
-    assert exchange(never, b"C\rF\r", b"\rF08\r", 10).endswith(b"\rF08\r")
+    # 50,000 commands from a client that does not read meanwhile: every reply comes, in order.
+    with socket.create_connection(("127.0.0.1", s["tcp"])) as c:
+        threading.Thread(target=c.sendall, args=(b"V\r" * 50_000 + b"N\r",), daemon=True).start()
+        time.sleep(1)
+        data, end = b"", time.time() + 20
+        while not data.endswith(b"N4321\r") and time.time() < end:
+            data += c.recv(65536)
+        assert data == b"V1020\r" * 50_000 + b"N4321\r"
+    time.sleep(1)
+    # The replies come after what was held; the frames that did not fit raised the overrun flag, and
+    # the log counts exactly those missing from the sequence the client got.
+    lines = (exchange(never, b"", b"never", 1) + exchange(never, b"C\rF\r", b"\rF08\r", 10)).split(b"\r")
+    assert lines[-3:] == [b"", b"F08", b""]
+    seqs = [int.from_bytes(bytes.fromhex(line[5:21].decode()), "little") for line in lines if line[:1] == b"t"]
     never.close()
     s["proc"].terminate()
-    assert "lines were dropped for reading too slowly" in s["proc"].communicate(timeout=20)[1]
+    log = s["proc"].communicate(timeout=20)[1]
+    assert f"{seqs[-1] - seqs[0] + 1 - len(seqs)} received frames dropped for reading too slowly" in log
+
+
+def test_the_link_and_the_allow_list(serve, tmp_path):
+    # Nothing in the link's place is replaced but a link to a pseudo-terminal that no longer exists.
+    link, mine = tmp_path / "ttyVEXLO0", tmp_path / "mine"
+    link.write_text("keep")
+    p = subprocess.run([SIM, "--", VEXLO, "serve", "--no-beacon", "--slcan", f"{link}=0"], capture_output=True,
+                       text=True, timeout=60)
+    assert p.returncode != 0 and f"{link}: there is a file (not replaced)" in p.stderr and link.read_text() == "keep"
+    link.unlink()
+    link.symlink_to("/dev/pts/4095")
+    s = serve(args=["--allow", "10.0.0.0/8"])
+    # A peer outside --allow is refused on the TCP line as on the socketcand port.
+    with socket.create_connection(("127.0.0.1", s["tcp"])) as c:
+        assert c.recv(100) == b""
+    # What the user put in the link's place meanwhile stays after the server's end.
+    mine.write_text("mine")
+    os.replace(mine, link)
+    s["proc"].terminate()
+    assert "refused (not allowed)" in s["proc"].communicate(timeout=20)[1] and link.read_text() == "mine"

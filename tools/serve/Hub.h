@@ -69,6 +69,8 @@ public:
     // Removes every client (no callback), resets the channels and closes the adapter.
     void Stop();
     bool present() const { return open_; }
+    // How many clients have joined the bus.
+    size_t clients(unsigned bus) const { return bus < kBuses ? order_[bus].size() : 0; }
 
     bool Join(XHubClient* client, unsigned bus);
     void Leave(XHubClient* client);

@@ -141,7 +141,7 @@ int XServer::Run() {
         if (!slcan_ptys_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
     }
     for (const auto& line : options_.slcan_tcp) {
-        slcan_ports_.push_back(std::make_unique<XSlcanTcp>(&loop_, &hub_, line.second, line.first));
+        slcan_ports_.push_back(std::make_unique<XSlcanTcp>(&loop_, &hub_, line.second, line.first, options_.allow));
         if (!slcan_ports_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
     }
     std::string where;
