@@ -102,6 +102,11 @@ def test_python_can_both_ways_over_pty_and_tcp_rates_stamps_and_identity(serve):
         assert line[:7] == b"t1231AA" and abs(int(line[7:11], 16) - time.time() * 1000 % 60000) < 1000
         # An unknown command gets BEL and the line goes on.
         assert exchange(a, b"X\rV\rN\r", b"N4321\r") == b"\aV1020\rN4321\r"
+        # A burst of 2,000 frames reaches the other line whole and in order.
+        burst = [b"t%03X2%04X\r" % (n & 0x7FF, n) for n in range(2000)]
+        assert exchange(a, b"Z0\r") == b"\r"
+        b.write(b"".join(burst))
+        assert exchange(a, b"", burst[-1], 20) == b"".join(burst)
 
 
 def test_slcan_and_socketcand_clients_share_a_channel(serve):
