@@ -124,6 +124,9 @@ def test_slcan_and_socketcand_clients_share_a_channel(serve):
         assert exchange(other, b"S8\rS6\r", b"\r") == b"\a\r"
     line.shutdown()
     sock.shutdown()
+    s["proc"].terminate()
+    assert "1000000 bit/s (timing 00:14), acceptance code 00000000 mask FFFFFFFF: refused, another client uses the " \
+           "channel" in s["proc"].communicate(timeout=20)[1]
 
 
 def test_bad_clients_do_not_block_the_server(serve):
