@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # python-can recv() at the bus ceiling: a generator fills channel 1 of a simulated adapter at
 # 1 Mbit/s with frames without data (21,277 frames/s) and the benchmark receives them for 20 s.
-#   bench/python/recv_ceiling.sh [BUILD_DIR] [-- benchmark options, e.g. --seconds 5]
+#   bench/python/recv_ceiling.sh [BUILD_DIR] [-- benchmark options, e.g. --seconds 5, or --short:
+#   a one-second smoke run]
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(cd "$here/../.." && pwd)
