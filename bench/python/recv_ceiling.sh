@@ -6,8 +6,11 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(cd "$here/../.." && pwd)
-build=${1:-$top/build}
-shift $(( $# > 0 ? 1 : 0 ))
+build=$top/build
+if [ $# -gt 0 ] && [ "$1" != -- ]; then
+  build=$1
+  shift
+fi
 [ "${1:-}" = "--" ] && shift
 export PYTHONPATH="$top/python:$build/python/site" LD_LIBRARY_PATH="$build/src"
 exec "$build/sim/vexlo-sim" --uncabled -g 1:0:seq0 -- /usr/bin/python3 "$here/recv_ceiling.py" "$@"
