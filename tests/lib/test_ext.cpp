@@ -2,7 +2,7 @@
 // traffic (and the error record its notices write), bad arguments, the receive readiness
 // descriptor against the queue (also under a racing drain), notices as error frames in order among
 // the frames of vexlo_receive, host times against a generator's spacing, and the loss of a full
-// queue, which keeps its oldest frames.
+// queue, which keeps its oldest frames. Then a log function that calls the library.
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -10,6 +10,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 
 #include "LibFixture.h"
@@ -140,4 +143,52 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     EXPECT_EQ(Take(0, 1), V({0x1'0004'0001'0000}));
     Sim().InjectFrame(0, vs::SimFrame());
     EXPECT_EQ(VCI_Receive(kType, 0, 0, many, 1, 1000), 1u);
+}
+
+// A log function that calls back into the library, on lines written while the library holds its
+// locks: frame traces of a transmit (the exchange's lock), of the reception (the event thread) and
+// of a receive (the queues' lock), a refused transmit's error (the exchange's lock), an unplug's
+// lines (the event thread). Each call that needs a device fails at once, whatever thread and lock,
+// and leaves the device as it was; the calls that need none work. Nothing hangs.
+struct Reentry {
+    std::mutex mu;
+    std::set<std::string> results;
+    int lines = 0;
+};
+static void CallBack(void* user, int, const char*) {
+    CAN_INFO info;
+    CAN_OBJ obj = {};
+    VEXLO_FRAME f;
+    unsigned char b0, b1;
+    const std::string got = std::to_string(VCI_ReadBoardInfo(kType, 0, &info)) + " " +
+                            std::to_string(VCI_GetReceiveNum(kType, 0, 1)) + " " +
+                            std::to_string(VCI_Transmit(kType, 0, 0, &obj, 1)) + " " +
+                            std::to_string(vexlo_receive(0, 1, &f, 1, -1)) + " " + std::to_string(vexlo_present(0)) +
+                            " " + std::to_string(VCI_CloseDevice(kType, 0)) + " " +
+                            std::to_string(VCI_OpenDevice(kType, 1, 0)) + " " + std::to_string(vexlo_count()) + " " +
+                            std::to_string(vexlo_timing_for_rate(500000, &b0, &b1, nullptr, nullptr));
+    auto* r = static_cast<Reentry*>(user);
+    std::lock_guard<std::mutex> g(r->mu);
+    r->results.insert(got);
+    ++r->lines;
+}
+
+TEST_F(ExtTest, CallsFromTheLogFunctionFailAtOnceOrWork) {
+    OpenAndStart();
+    Reentry r;
+    vexlo_set_log(CallBack, &r);
+    VCI_Debug(0x20);  // a line per frame
+    CAN_OBJ obj = {};
+    EXPECT_EQ(VCI_Transmit(kType, 0, 0, &obj, 1), 1u);
+    EXPECT_EQ(VCI_Receive(kType, 0, 1, &obj, 1, 2000), 1u);
+    VCI_Debug(0);
+    Sim().SetTxAccept(0);
+    EXPECT_EQ(VCI_Transmit(kType, 0, 0, &obj, 1), 0u);
+    CAN_INFO info;
+    EXPECT_EQ(VCI_ReadBoardInfo(kType, 0, &info), 1u);  // still open
+    Sim().Unplug();
+    for (int i = 500; i-- && vexlo_present(0) != VEXLO_GONE;) usleep(10000);
+    vexlo_set_log(nullptr, nullptr);
+    EXPECT_GE(r.lines, 6);
+    EXPECT_EQ(r.results, std::set<std::string>({"0 0 0 -1 -1 0 0 -1 1"}));
 }
