@@ -81,11 +81,15 @@ def test_busy_and_missing_adapters(tmp_path):
              f"{VEXLO} send 0 123#; echo rc=$?; {VEXLO} list; kill -INT $!; wait $!; echo holder=$?"
     rc, out, err = run(["-n", "2"], ["sh", "-c", holder], cwd=tmp_path)
     assert out.startswith("rc=1\n0  in use by another program\n1  serial ") and out.endswith("holder=0\n")
-    assert "vexlo: adapter 0 is in use by another program\n" in err
-    for sim_args, cmd, message in [(["-n", "0"], ["send", "0", "123#"], "no adapter at position 0"),
-                                   ([], ["info", "-d", "1"], "no adapter at position 1")]:
+    assert err == "vexlo: adapter 0 is in use by another program\n"  # no library line from list either
+    # The library's own lines (there: the cause, then the failed open) only with -v.
+    for sim_args, cmd, message, library in [(["-n", "0"], ["send", "0", "123#"], "no adapter at position 0", 0),
+                                            ([], ["info", "-d", "1"], "no adapter at position 1", 0),
+                                            ([], ["info", "-v", "-d", "1"], "no adapter at position 1", 2)]:
         rc, out, err = run(sim_args, [VEXLO, *cmd])
-        assert (rc, out, err.splitlines()[-1]) == (1, "", f"vexlo: {message}")
+        lines = err.splitlines()
+        assert (rc, out, lines[-1], len(lines)) == (1, "", f"vexlo: {message}", library + 1)
+        assert all(": vexlo: ERR: " in line for line in lines[:-1])
 
 
 @pytest.mark.parametrize("args,words", [
