@@ -155,6 +155,7 @@ int main(int argc, char** argv) {
     plan.Start();
     int status = WaitForProgram(pid, watched);
     if (status < 0) return 2;
+    plan.Ended();
     if (terminal) tcsetpgrp(STDIN_FILENO, getpgrp());
     plan.Stop();
     if (WIFEXITED(status)) return WEXITSTATUS(status);
