@@ -1,7 +1,7 @@
 // The timed faults of vexlo-sim's command line (--unplug, --answer-delay): a thread of their own
 // applies each to the testbed at its time, counted in seconds from Start (the program's start),
-// and says on stderr what it did and when; Ended says when the program ended, so that how long a
-// program took to notice a fault can be read from this output.
+// and says on stderr what it did and when; Ended says when the program ended by itself, so that how
+// long a program took to notice a fault can be read from this output.
 #pragma once
 
 #include <chrono>
