@@ -114,7 +114,7 @@ def check_rate(server, rate):
 def test_frames_both_ways_bursts_rates_and_reattaching():
     server = Server()
     try:
-        line = Slcand("-o", "-c", "-s6")
+        line = Slcand("-o", "-c", "-f", "-s6")
         # The simulated bus's frames reach slcan0 with every field, from the TCP line on the cabled channel.
         dump = candump("-n", str(len(FRAMES)), "slcan0")
         time.sleep(0.5)
@@ -138,8 +138,9 @@ def test_frames_both_ways_bursts_rates_and_reattaching():
             line = Slcand("-o", "-c", f"-s{s}")
             check_rate(server, rate)
             line.detach()
-        # The kernel's own rate setting (ip link ... bitrate) sends the rate to the line when slcan0 goes up.
-        line = Slcand("-o", "-c", "-s8", up=False)
+        # Timing bytes from slcand, then the kernel's own rate setting (ip link ... bitrate), which
+        # sends the rate to the line when slcan0 goes up.
+        line = Slcand("-o", "-c", "-b", "031C", up=False)
         sh("ip", "link", "set", "slcan0", "type", "can", "bitrate", "250000")
         sh("ip", "link", "set", "slcan0", "up")
         check_rate(server, 250000)
@@ -147,7 +148,7 @@ def test_frames_both_ways_bursts_rates_and_reattaching():
     finally:
         log = server.stop()
     timings = re.findall(r"channel 0 set by serial line /dev/ttyVEXLO0: (\d+) bit/s \(timing (..:..)\)", log)
-    assert timings == [(str(r), t) for r, t in RATES] + [("250000", "01:1C")]
+    assert timings == [(str(r), t) for r, t in RATES] + [("125000", "03:1C"), ("250000", "01:1C")]
     assert "not taken" not in log and "dropped" not in log
 
 
@@ -176,7 +177,7 @@ def test_a_thousand_frames_a_second_each_way():
         line = Slcand("-o", "-c", "-s6")
         sh("ip", "link", "set", "slcan0", "txqueuelen", "2000")
         # The generator's 3,000 frames in 3 s, while cangen offers 500 in half a second.
-        dump = candump("-n", "3000", "slcan0")
+        dump = candump("-r", "1000000", "-n", "3000", "slcan0")
         sh("cangen", "-g", "1", "-n", "500", "-x", "-I", "i", "-L", "8", "-D", "i", "slcan0")
         got = [int.from_bytes(bytes.fromhex(f.split("#")[1]), "little") for f in dumped(dump)]
         assert got == list(range(got[0], got[0] + 3000))
