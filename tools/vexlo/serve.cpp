@@ -116,12 +116,17 @@ int RunServe(int argc, char** argv) {
                           case kSocketCan: {
                               std::string iface;
                               unsigned bus = 0;
-                              if (vexlo_serve::ParseSocketCanOption(arg, &iface, &bus)) {
-                                  o.socketcan.emplace_back(iface, bus);
-                                  return true;
+                              if (!vexlo_serve::ParseSocketCanOption(arg, &iface, &bus)) {
+                                  error = "bad CAN interface '" + arg + "' (IFACE=CH: an interface name of 1 to 15 characters, CH 0 or 1)";
+                                  break;
                               }
-                              error = "bad CAN interface '" + arg + "' (IFACE=CH: an interface name of 1 to 15 characters, CH 0 or 1)";
-                              break;
+                              // One interface, one channel: two links on one interface would carry each
+                              // other's frames round the bus without end.
+                              for (const auto& link : o.socketcan)
+                                  if (link.first == iface) error = "CAN interface " + iface + " given twice";
+                              if (!error.empty()) break;
+                              o.socketcan.emplace_back(iface, bus);
+                              return true;
                           }
                           default:
                               o.beacon_off = true;
