@@ -57,17 +57,11 @@ This package contains the C headers, the pkg-config file, the CMake package
 (find_package(vexlo) and the target vexlo::vexlo) and the manual page
 vexlo(3).")
 
-# vexlo-sim preloads umockdev's library at run time, which no link records: name its package.
-execute_process(COMMAND dpkg-query -S "*/libumockdev-preload.so.0"
-  OUTPUT_VARIABLE VEXLO_PRELOAD_OWNER ERROR_QUIET OUTPUT_STRIP_TRAILING_WHITESPACE)
-string(REGEX REPLACE "[:,].*" "" VEXLO_PRELOAD_PACKAGE "${VEXLO_PRELOAD_OWNER}")
-if(NOT VEXLO_PRELOAD_PACKAGE)
-  set(VEXLO_PRELOAD_PACKAGE umockdev)
-endif()
+# vexlo-sim links umockdev's preload library, which it also preloads into the program it runs:
+# the package that holds it (umockdev) comes with the other libraries' packages from shlibdeps.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vexlo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION electronics)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${VEXLO_PRELOAD_PACKAGE}")
 # /etc/default/vexlo-serve, the options of vexlo serve's systemd instances, is the admin's to edit.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/vexlo-tools/conffiles)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for a two-channel USB-to-CAN adapter
@@ -90,6 +84,10 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libvexlo1 (>= ${PROJECT_VERSION}), python3:any, python3-can")
+# Byte-compiled on installation, and the byte code removed with the package, as Debian's python
+# packages do (py3compile and py3clean).
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/python3-vexlo-can/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-vexlo-can/prerm)
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "python-can interface for a two-channel USB-to-CAN adapter
 vexlo drives the two-channel USB-to-CAN adapter with USB identifier
 0471:1200 from user space over libusb-1.0.
