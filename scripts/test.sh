@@ -109,6 +109,7 @@ bench_runs=(
   "bash bench/tools/dump_ceiling.sh --short"
   "bash bench/serve/serve_ceiling.sh --short"
   "bash bench/python/recv_ceiling.sh build -- --short"
+  "bash bench/socketcan/bridge.sh --short"
 )
 
 benchmarks() {
