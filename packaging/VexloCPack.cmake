@@ -2,7 +2,8 @@
 #   libvexlo1          component runtime: the shared library
 #   libvexlo-dev       component dev: headers, the unversioned link, vexlo.pc, the CMake package, vexlo(3)
 #   vexlo-tools        component tools: vexlo-sim and the command-line tools, Wireshark's capture
-#                      program vexlo-extcap, the udev rule, their pages
+#                      program vexlo-extcap, the udev rule, vexlo serve's systemd unit and its
+#                      options file /etc/default/vexlo-serve (a conffile), their pages
 #   python3-vexlo-can  component python: the python-can interface, when python/ is part of the build
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vexlo)
@@ -61,6 +62,8 @@ vexlo(3).")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vexlo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION electronics)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+# /etc/default/vexlo-serve, the options of vexlo serve's systemd instances, is the admin's to edit.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/vexlo-tools/conffiles)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for a two-channel USB-to-CAN adapter
 vexlo drives the two-channel USB-to-CAN adapter with USB identifier
 0471:1200 from user space over libusb-1.0.
@@ -69,7 +72,12 @@ This package contains vexlo-sim, which runs any program against simulated
 adapters so that CAN applications can be developed and tested without
 hardware, the command-line tools, vexlo-extcap, which makes each CAN channel
 a capture interface of Wireshark and tshark, and a udev rule that gives the
-user at the seat and members of the plugdev group access to the adapter.")
+user at the seat and members of the plugdev group access to the adapter.
+.
+vexlo serve shares the adapter: its channels become Linux CAN interfaces
+(can0, can1) for every SocketCAN program, and buses of the socketcand
+protocol. Its systemd unit, once enabled, starts with the adapter and stops
+when it is removed.")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-vexlo-can)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)

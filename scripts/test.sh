@@ -110,6 +110,7 @@ bench_runs=(
   "bash bench/serve/serve_ceiling.sh --short"
   "bash bench/python/recv_ceiling.sh build -- --short"
   "bash bench/kernel/slcan_uml.sh --short"
+  "bash bench/socketcan/bridge.sh --short"
 )
 
 benchmarks() {

@@ -22,9 +22,10 @@ if [ "$mode" = prefix ]; then
   for f in $libdir/libvexlo.so.1.0.0 $libdir/libvexlo.so.1 $libdir/libvexlo.so include/vexlo.h include/vexlo_ext.h \
     $libdir/pkgconfig/vexlo.pc $libdir/cmake/vexlo/vexloConfigVersion.cmake bin/vexlo-sim \
     lib/udev/rules.d/70-vexlo.rules share/man/man1/vexlo-sim.1.gz share/man/man3/vexlo.3.gz \
-    $libdir/wireshark/extcap/vexlo-extcap share/man/man1/vexlo-extcap.1.gz; do
+    $libdir/wireshark/extcap/vexlo-extcap share/man/man1/vexlo-extcap.1.gz etc/default/vexlo-serve; do
     [ -e "$p/$f" ] || fail "not installed: $f"
   done
+  grep -qx "EnvironmentFile=-$p/etc/default/vexlo-serve" "$p/lib/systemd/system/vexlo-serve@.service" || fail "unit: options not at $p"
   ! (cd "$p" && find . | grep -E 'test|bench|fuzz|demo') || fail "installed from tests, benchmarks or the demo"
   # shellcheck disable=SC2046
   cc -o demo-pc "$src/tools/vexlo-demo.c" $(PKG_CONFIG_PATH="$p/$libdir/pkgconfig" pkg-config --cflags --libs vexlo)
@@ -56,13 +57,15 @@ else
                     $ma/cmake/vexlo/vexloConfig.cmake $ma/cmake/vexlo/vexloConfigVersion.cmake usr/share/man/man3/vexlo.3.gz"
     [vexlo-tools]="usr/bin/vexlo-sim usr/lib/udev/rules.d/70-vexlo.rules usr/share/man/man1/vexlo-sim.1.gz
                    usr/bin/vexlo usr/share/man/man1/vexlo.1.gz usr/share/bash-completion/completions/vexlo
-                   $ma/wireshark/extcap/vexlo-extcap usr/share/man/man1/vexlo-extcap.1.gz")
+                   $ma/wireshark/extcap/vexlo-extcap usr/share/man/man1/vexlo-extcap.1.gz etc/default/vexlo-serve")
   for pkg in "${!want[@]}"; do
     list=$(dpkg-deb -c debs/"$pkg"_*.deb | awk '{print substr($6, 3)}')
     for f in ${want[$pkg]} usr/share/doc/$pkg/copyright usr/share/doc/$pkg/changelog.Debian.gz; do
       grep -qx "$f" <<<"$list" || fail "$pkg lacks $f"
     done
   done
+  dpkg-deb --ctrl-tarfile debs/vexlo-tools_*.deb | tar -xO ./conffiles | grep -qx /etc/default/vexlo-serve ||
+    fail "vexlo-tools: /etc/default/vexlo-serve is no conffile"
   for d in debs/*.deb; do
     twice=$(dpkg-deb -f "$d" Depends | tr ',' '\n' | sed 's/^ *//; s/ *(.*//' | sort | uniq -d)
     [ -z "$twice" ] || fail "$d depends twice on $twice"

@@ -19,10 +19,13 @@
 // - When the adapter is unplugged every client gets OnGone, after it has already been removed from
 //   its bus (no Leave needed); the hub closes the adapter and tries to open it again every second.
 //   Until then Join returns false. Stop() removes every client without a callback.
+// - A client that stays in place through an unplug (a CAN interface) asks WhenBack to be told
+//   once the adapter is open again, before any of its frames is delivered, and joins again there.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -83,6 +86,8 @@ public:
     // or when the adapter refuses it (the channel then restarts with its previous configuration).
     bool Configure(XHubClient* client, unsigned bus, const CAN_INIT& init);
     unsigned dev() const { return options_.dev; }
+    // Runs `task` each time the adapter is open again after an unplug.
+    void WhenBack(std::function<void()> task) { back_.push_back(std::move(task)); }
 
 private:
     struct Member {
@@ -95,6 +100,7 @@ private:
     // it was unplugged (the close then waits for answers that never come).
     void CloseAdapter(bool unplugged);
     void Receive(unsigned bus);
+    void ArmNotices();
     void Results();
     void Deliver(unsigned bus, const VEXLO_FRAME* frames, unsigned count, XHubClient* except);
     void Gone();
@@ -116,6 +122,7 @@ private:
     std::vector<XTransmitter::Result> results_;
     std::thread closer_;
     std::atomic<bool> closed_{true};  // the closer has finished
+    std::vector<std::function<void()>> back_;
 };
 
 }  // namespace vexlo_serve
