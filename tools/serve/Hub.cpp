@@ -80,8 +80,6 @@ bool XHub::OpenAdapter(std::string* why) {
     }
     open_ = true;
     for (unsigned ch = 0; ch < kBuses; ++ch) loop_->Watch(fds_[ch], EPOLLIN, [this, ch](uint32_t) { Receive(ch); });
-    // A first take: only from then on does a notice (an error frame) make the descriptor readable.
-    for (unsigned ch = 0; ch < kBuses && open_; ++ch) Receive(ch);
     tx_.Resume(options_.dev);
     return true;
 }
