@@ -55,6 +55,7 @@ void XSlcanLine::Attach(int fd, std::function<void()> on_hangup) {
     out_ = XOutQueue(kOutLimit);
     dropped_ = refused_ = 0;
     watched_ = 0;
+    hung_up_ = false;
     Watch();
 }
 
@@ -84,9 +85,11 @@ void XSlcanLine::Finish() {
 
 void XSlcanLine::Watch() {
     // No more input while the session waits for the hub, or while the client's output is full:
-    // the client's bytes stay in its descriptor, which holds the client back.
-    bool input = !session_.waiting() && !Full();
-    uint32_t events = (input ? uint32_t{EPOLLIN} : 0u) | (out_.empty() ? 0u : uint32_t{EPOLLOUT});
+    // the client's bytes stay in its descriptor, which holds the client back. Nothing more is
+    // written to a client that hung up.
+    bool input = !session_.waiting() && (hung_up_ || !Full());
+    bool output = !out_.empty() && !hung_up_;
+    uint32_t events = (input ? uint32_t{EPOLLIN} : 0u) | (output ? uint32_t{EPOLLOUT} : 0u);
     if (events == watched_) return;
     if (events == 0) loop_->Forget(fd_);
     else if (watched_ == 0) loop_->Watch(fd_, events, [this](uint32_t e) { Events(e); });
@@ -94,11 +97,13 @@ void XSlcanLine::Watch() {
     watched_ = events;
 }
 
+bool XSlcanLine::Write() { return hung_up_ || out_.empty() || out_.WriteTo(fd_); }
+
 void XSlcanLine::Events(uint32_t events) {
-    // A client that hung up reads nothing more: what it wrote is taken whatever its output holds.
-    bool hup = events & (EPOLLHUP | EPOLLERR);
-    bool gone = (events & EPOLLOUT) && !out_.WriteTo(fd_);
-    for (int i = 0; !gone && i < kReads && !session_.waiting() && (hup || !Full()) &&
+    // A client that hung up is only read: what it wrote before is taken, whatever its output holds.
+    if (events & (EPOLLHUP | EPOLLERR)) hung_up_ = true;
+    bool gone = (events & EPOLLOUT) && !Write();
+    for (int i = 0; !gone && i < kReads && !session_.waiting() && (hung_up_ || !Full()) &&
                     (events & (EPOLLIN | EPOLLHUP | EPOLLERR));
          ++i) {
         char buf[kReadSize];
@@ -112,10 +117,9 @@ void XSlcanLine::Events(uint32_t events) {
         text_.clear();
         session_.Input(buf, static_cast<size_t>(n), &text_);
         Flush(false);
-        if (!out_.empty()) gone = !out_.WriteTo(fd_);
+        gone = !Write();
     }
-    if (!gone && !out_.empty()) gone = !out_.WriteTo(fd_);
-    if (gone) return Hangup();
+    if (gone || !Write()) return Hangup();
     Watch();
 }
 
@@ -134,7 +138,7 @@ void XSlcanLine::OnFrames(const VEXLO_FRAME* frames, unsigned count) {
         session_.Received(frames[i], &text_);
         Flush(true);
     }
-    out_.WriteTo(fd_);
+    Write();
     Watch();
 }
 
@@ -144,7 +148,7 @@ void XSlcanLine::OnRefused(const CAN_OBJ&) {
     text_.clear();
     session_.Refused(&text_);
     Flush(false);
-    out_.WriteTo(fd_);
+    Write();
     Watch();
 }
 

@@ -56,6 +56,8 @@ public:
 private:
     bool Full() const { return out_.size() + kFrameLineMax > kOutLimit; }
     void Events(uint32_t events);
+    // Writes what the client's output holds; false when the client is gone.
+    bool Write();
     void Hangup();
     void Flush(bool frame);
     void Watch();
@@ -72,6 +74,7 @@ private:
     uint64_t dropped_ = 0;     // received frames that did not fit out_
     uint64_t refused_ = 0;     // frames of the client the adapter did not take
     uint32_t watched_ = 0;     // the events fd_ is watched for (0: not watched)
+    bool hung_up_ = false;     // the client hung up: only what it wrote before is left to read
 };
 
 // A pseudo-terminal line for one bus, reached through a symbolic link that always names a
