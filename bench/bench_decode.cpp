@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "BenchShort.h"
 #include "CanDev.h"
 
 static void Discard(const char*, size_t) {}
@@ -96,4 +97,11 @@ static void BM_RecvWithDescriptor(benchmark::State& state) {
 }
 BENCHMARK(BM_RecvWithDescriptor)->Arg(0)->Arg(1)->Arg(2)->UseManualTime();
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    TakeShortOption(&argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

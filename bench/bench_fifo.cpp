@@ -4,6 +4,7 @@
 #include <cstring>
 #include <thread>
 
+#include "BenchShort.h"
 #include "CanFifo.h"
 
 static void BM_FifoPushPopPair(benchmark::State& state) {
@@ -67,4 +68,11 @@ static void BM_FifoTwoThreadStream(benchmark::State& state) {
 }
 BENCHMARK(BM_FifoTwoThreadStream)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    TakeShortOption(&argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -182,7 +182,13 @@ typedef void (*vexlo_log_fn)(void* user, int level, const char* line);
 
 /* Hands every line from now on to `fn` (with `user`) instead of standard output; null restores
  * standard output. Set it before opening a device: lines of other threads may still reach the
- * previous destination while it changes. */
+ * previous destination while it changes (the previous function with its own `user`, never a mix).
+ * A line may be written while the library holds one of its locks, so from inside `fn` every call
+ * that uses a device or USB (the VCI_* calls with a device index, VCI_OpenDevice,
+ * VCI_CloseDevice, vexlo_receive, vexlo_receive_fd, vexlo_get_stats, vexlo_present, vexlo_count)
+ * fails at once with its failure result and does nothing; the calls that need no device work
+ * (VCI_Debug, vexlo_set_log, vexlo_version, vexlo_open_error, bit timing, filters). Lines of calls
+ * made from inside `fn` are not written. */
 VEXLO_API void vexlo_set_log(vexlo_log_fn fn, void* user);
 
 #ifdef __cplusplus

@@ -22,4 +22,10 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   file(WRITE "${overrides}/${package}"
        "# Not uploaded to the Debian archive: there is no bug for the first upload to close.\n"
        "${package}: initial-upload-closes-no-bugs\n")
+  # A package's own overrides, with their reasons: packaging/debian/PACKAGE/lintian-overrides.
+  get_filename_component(debian "${CPACK_VEXLO_DEB_COPYRIGHT}" DIRECTORY)
+  if(EXISTS "${debian}/${package}/lintian-overrides")
+    file(READ "${debian}/${package}/lintian-overrides" own)
+    file(APPEND "${overrides}/${package}" "${own}")
+  endif()
 endforeach()

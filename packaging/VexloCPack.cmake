@@ -2,7 +2,8 @@
 #   libvexlo1          component runtime: the shared library
 #   libvexlo-dev       component dev: headers, the unversioned link, vexlo.pc, the CMake package, vexlo(3)
 #   vexlo-tools        component tools: vexlo-sim and the command-line tools, Wireshark's capture
-#                      program vexlo-extcap, the udev rule, their pages
+#                      program vexlo-extcap, the udev rule, vexlo serve's systemd unit and its
+#                      options file /etc/default/vexlo-serve (a conffile), their pages
 #   python3-vexlo-can  component python: the python-can interface, when python/ is part of the build
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vexlo)
@@ -56,17 +57,13 @@ This package contains the C headers, the pkg-config file, the CMake package
 (find_package(vexlo) and the target vexlo::vexlo) and the manual page
 vexlo(3).")
 
-# vexlo-sim preloads umockdev's library at run time, which no link records: name its package.
-execute_process(COMMAND dpkg-query -S "*/libumockdev-preload.so.0"
-  OUTPUT_VARIABLE VEXLO_PRELOAD_OWNER ERROR_QUIET OUTPUT_STRIP_TRAILING_WHITESPACE)
-string(REGEX REPLACE "[:,].*" "" VEXLO_PRELOAD_PACKAGE "${VEXLO_PRELOAD_OWNER}")
-if(NOT VEXLO_PRELOAD_PACKAGE)
-  set(VEXLO_PRELOAD_PACKAGE umockdev)
-endif()
+# vexlo-sim links umockdev's preload library, which it also preloads into the program it runs:
+# the package that holds it (umockdev) comes with the other libraries' packages from shlibdeps.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vexlo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION electronics)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${VEXLO_PRELOAD_PACKAGE}")
+# /etc/default/vexlo-serve, the options of vexlo serve's systemd instances, is the admin's to edit.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/vexlo-tools/conffiles)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for a two-channel USB-to-CAN adapter
 vexlo drives the two-channel USB-to-CAN adapter with USB identifier
 0471:1200 from user space over libusb-1.0.
@@ -75,13 +72,22 @@ This package contains vexlo-sim, which runs any program against simulated
 adapters so that CAN applications can be developed and tested without
 hardware, the command-line tools, vexlo-extcap, which makes each CAN channel
 a capture interface of Wireshark and tshark, and a udev rule that gives the
-user at the seat and members of the plugdev group access to the adapter.")
+user at the seat and members of the plugdev group access to the adapter.
+.
+vexlo serve shares the adapter: its channels become Linux CAN interfaces
+(can0, can1) for every SocketCAN program, and buses of the socketcand
+protocol. Its systemd unit, once enabled, starts with the adapter and stops
+when it is removed.")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-vexlo-can)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libvexlo1 (>= ${PROJECT_VERSION}), python3:any, python3-can")
+# Byte-compiled on installation, and the byte code removed with the package, as Debian's python
+# packages do (py3compile and py3clean).
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/python3-vexlo-can/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-vexlo-can/prerm)
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "python-can interface for a two-channel USB-to-CAN adapter
 vexlo drives the two-channel USB-to-CAN adapter with USB identifier
 0471:1200 from user space over libusb-1.0.

@@ -1,8 +1,13 @@
-// The log line form, the mask gates and VCI_Debug. (The stamp's clock is every log line's.)
+// The log line form, the mask gates, VCI_Debug and the application's log function. (The stamp's clock is every log line's.)
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
 
 #include "support/LogCapture.h"
 #include "utils.h"
+#include "vexlo_ext.h"
 
 static int LogSample() {
     XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d\n", 4, 0);
@@ -49,4 +54,27 @@ TEST(Log, DebugNeverSetsTheDumpBitADirectWriteDoes) {
     EXPECT_EQ(VCI_Debug(0x25), 0x25u);
     EXPECT_EQ(gdbg, 0x25u);
     gdbg = 0;  // the dump a direct write turns on: in the library's trace test
+}
+
+// Three destinations, each a function with its own user pointer; one thread switches between them
+// while three others log: every line reaches a function with that function's own pointer.
+static std::atomic<long> g_lines[3], g_mixed[3];
+template <int K>
+static void ToDest(void* user, int, const char*) {
+    ++g_lines[K];
+    g_mixed[K] += user != &g_lines[K];
+}
+
+TEST(Log, FunctionAndUserPointerChangeTogether) {
+    const vexlo_log_fn fns[3] = {ToDest<0>, ToDest<1>, ToDest<2>};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> loggers(3);
+    for (std::thread& t : loggers) t = std::thread([&] { while (!stop) XWRN("line\n"); });
+    // Switched on until every destination has had its lines, however the loggers are scheduled.
+    for (unsigned i = 0; i < 300000 || !g_lines[0] || !g_lines[1] || !g_lines[2]; ++i)
+        vexlo_set_log(fns[i % 3], &g_lines[i % 3]);
+    stop = true;
+    for (std::thread& t : loggers) t.join();
+    vexlo_set_log(nullptr, nullptr);
+    EXPECT_EQ(g_mixed[0] + g_mixed[1] + g_mixed[2], 0);
 }

@@ -1,6 +1,6 @@
 // What the benchmarks of the library against the simulated adapter share: the process's one
-// testbed, opening adapter 0 with both channels started, the environment's settings, the walk over
-// the process's threads, and main.
+// testbed, opening adapter 0 with both channels started, the environment's settings (in a --short
+// run, short defaults), the walk over the process's threads, and main.
 // Each benchmark program is one source file that includes this once.
 #pragma once
 
@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 
+#include "BenchShort.h"
 #include "usb/SimTestbed.h"
 #include "vexlo.h"
 
@@ -54,11 +55,15 @@ static inline bool OpenAndStart() {
     return true;
 }
 
-static inline int BenchMain(int argc, char** argv) {
+// `add` registers the benchmarks whose settings depend on --short, when the options are known.
+static inline int BenchMain(int argc, char** argv, void (*add)() = nullptr) {
+    TakeShortOption(&argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (add) add();
     // The testbed comes before libusb's default context, which lives as long as the process.
     g_bed.reset(new vs::SimTestbed(1));
     if (!g_bed->Ok()) return 1;
-    benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     g_bed.reset();  // before the process's exit handlers remove the testbed's directory
     return 0;

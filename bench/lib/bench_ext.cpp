@@ -1,14 +1,15 @@
 // The receive readiness descriptor against the simulated adapter, in one process.
 //
 //   BM_WakeLatency: both ways of waiting for frames in one run, at a low frame rate (VEXLO_EXT_RATE
-//     frames/s per channel, default 200, for VEXLO_EXT_SECONDS, default 10): channel 0's application
-//     thread blocks in poll() on the descriptor and then takes the frames with VCI_Receive(.., 0);
-//     channel 1's thread waits in VCI_Receive(.., 1000). Latency runs from the moment the reception
-//     path queued a frame to the moment the application thread has it in its buffer. The queuing
-//     moment is the time stamp of the reception path's own frame trace line (gdbg 0x20, standard
-//     output diverted to a file while measuring), written right after the frame is pushed; for the
-//     descriptor path the figure therefore includes writing that line. Reports p50 and p99 of each
-//     path in microseconds and the ratio p99(descriptor) / p50(VCI_Receive) (target: at most 1/20).
+//     frames/s per channel, default 200, for VEXLO_EXT_SECONDS, default 10; --short 1): channel
+//     0's application thread blocks in poll() on the descriptor and then takes the frames with
+//     VCI_Receive(.., 0); channel 1's thread waits in VCI_Receive(.., 1000). Latency runs from the
+//     moment the reception path queued a frame to the moment the application thread has it in its
+//     buffer. The queuing moment is the time stamp of the reception path's own frame trace line
+//     (gdbg 0x20, standard output diverted to a file while measuring), written right after the
+//     frame is pushed; for the descriptor path the figure therefore includes writing that line.
+//     Reports p50 and p99 of each path in microseconds and the ratio p99(descriptor) /
+//     p50(VCI_Receive) (target: at most 1/20).
 //   BM_ReceptionCost: both channels at the bus ceiling, in rounds that rotate three applications:
 //     one that drains with VCI_Receive every 5 ms and never asks for a descriptor; one that every
 //     5 ms polls both descriptors without waiting and drains the readable ones (the same pattern of
@@ -17,8 +18,8 @@
 //     reception path then signals on nearly every message). Each round opens the device anew and
 //     measures the event thread's CPU time (the reception path with libusb and the emulated USB
 //     calls it makes) per frame queued, from the scheduler's account in nanoseconds. Reports the
-//     median of each over VEXLO_EXT_ROUNDS rounds (default 3) of VEXLO_EXT_LOAD_SECONDS (default 5)
-//     and the ratios to the first (target: within 2%).
+//     median of each over VEXLO_EXT_ROUNDS rounds (default 3; --short 1) of VEXLO_EXT_LOAD_SECONDS
+//     (default 5; --short 0.5) and the ratios to the first (target: within 2%).
 #include <benchmark/benchmark.h>
 #include <poll.h>
 #include <sys/time.h>
@@ -92,7 +93,7 @@ static std::map<unsigned, long long> QueuedAt(const std::string& path, unsigned 
 
 static void BM_WakeLatency(benchmark::State& state) {
     const double rate = EnvOr("VEXLO_EXT_RATE", 200);
-    const double seconds = EnvOr("VEXLO_EXT_SECONDS", 10);
+    const double seconds = EnvOr("VEXLO_EXT_SECONDS", Span(10, 1));
     for (auto _ : state) {
         OpenUncabled();
         vs::SimDevice& sim = g_bed->Adapter(0);
@@ -228,8 +229,8 @@ static double LoadRound(LoadMode mode, double seconds, unsigned long long* frame
 }
 
 static void BM_ReceptionCost(benchmark::State& state) {
-    const int rounds = static_cast<int>(EnvOr("VEXLO_EXT_ROUNDS", 3));
-    const double seconds = EnvOr("VEXLO_EXT_LOAD_SECONDS", 5);
+    const int rounds = static_cast<int>(EnvOr("VEXLO_EXT_ROUNDS", Span(3, 1)));
+    const double seconds = EnvOr("VEXLO_EXT_LOAD_SECONDS", Span(5, 0.5));
     for (auto _ : state) {
         std::vector<double> cost[3];
         unsigned long long frames[3] = {0, 0, 0};

@@ -2,17 +2,18 @@
 // accumulate. Both report the process's descriptors (entries of /proc/self/fd) and resident memory
 // (VmRSS) before and after, and the heap in use (mallinfo2).
 //
-//   BM_OpenCloseCycles: VEXLO_SOAK_CYCLES (default 1000) cycles of open, init and start both
-//     channels, a readiness descriptor, 8 frames transmitted on each channel and received on the
+//   BM_OpenCloseCycles: VEXLO_SOAK_CYCLES (default 1000; --short 10) cycles of open, init and start
+//     both channels, a readiness descriptor, 8 frames transmitted on each channel and received on the
 //     other (the two channels are cabled together), close. "Before" is taken after the first cycle,
 //     since libusb's context is made on the first open and kept for the process; the figures before
 //     any open are reported too. Any frame missing or different fails the run.
 //   BM_CeilingSoak: both channels receiving 0-byte standard frames at the bus ceiling (21,277
-//     frames/s each, a sequence number in the data bytes) for VEXLO_SOAK_SECONDS (default 600),
-//     drained with VCI_Receive every 5 ms. Losses are told apart by where they happen: records the
-//     simulated adapter dropped because its buffer was full (the emulated USB path did not keep up,
-//     typically on a loaded machine; VEXLO_SOAK_ADAPTER_BUFFER sets the depth in records) and
-//     frames the library lost because its receive queue was full (vexlo_get_stats' rx_lost).
+//     frames/s each, a sequence number in the data bytes) for VEXLO_SOAK_SECONDS (default 600;
+//     --short 1), drained with VCI_Receive every 5 ms. Losses are told apart by where they happen:
+//     records the simulated adapter dropped because its buffer was full (the emulated USB path did
+//     not keep up, typically on a loaded machine; VEXLO_SOAK_ADAPTER_BUFFER sets the depth in
+//     records) and frames the library lost because its receive queue was full (vexlo_get_stats'
+//     rx_lost).
 //     Descriptors and resident memory are taken every minute, to show growth during the run.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
@@ -120,7 +121,7 @@ static bool Cycle(unsigned cycle) {
 }
 
 static void BM_OpenCloseCycles(benchmark::State& state) {
-    const unsigned cycles = static_cast<unsigned>(EnvOr("VEXLO_SOAK_CYCLES", 1000));
+    const unsigned cycles = static_cast<unsigned>(EnvOr("VEXLO_SOAK_CYCLES", Span(1000, 10)));
     for (auto _ : state) {
         g_bed->Adapter(0).SetCabled(true);
         const int fd_start = OpenDescriptors();
@@ -178,7 +179,7 @@ static unsigned Seq(const CAN_OBJ& f) {
 }
 
 static void BM_CeilingSoak(benchmark::State& state) {
-    const double seconds = EnvOr("VEXLO_SOAK_SECONDS", 600);
+    const double seconds = EnvOr("VEXLO_SOAK_SECONDS", Span(600, 1));
     for (auto _ : state) {
         const int fd_before = OpenDescriptors();
         const long rss_before = ResidentKiB();

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "BenchShort.h"
 #include "usb/SimTestbed.h"
 
 using namespace vexlo_sim;
@@ -57,7 +58,6 @@ void BM_CommandRoundTrip(benchmark::State& state) {
     state.counters["round_trips_per_s"] = benchmark::Counter(static_cast<double>(state.iterations()),
                                                              benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_CommandRoundTrip)->MinTime(2.0)->UseRealTime();
 
 struct Reader {
     unsigned char buf[1024];
@@ -108,7 +108,7 @@ void BM_ReceiveBothChannelsAtCeiling(benchmark::State& state) {
     auto t0 = std::chrono::steady_clock::now();
     uint64_t f0 = r.frames;
     for (auto _ : state) {
-        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+        auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(Span(3, 0.5));
         while (std::chrono::steady_clock::now() < until) {
             timeval tv{0, 100000};
             libusb_handle_events_timeout(nullptr, &tv);
@@ -134,7 +134,6 @@ void BM_ReceiveBothChannelsAtCeiling(benchmark::State& state) {
     state.counters["dropped_by_adapter"] = static_cast<double>(dev.RxDropped());
     state.counters["cpu_cores"] = cpu / secs;
 }
-BENCHMARK(BM_ReceiveBothChannelsAtCeiling)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
 // CPU used by the process while libusb's event loop waits on an idle adapter with both IN
 // endpoints armed.
@@ -151,7 +150,7 @@ void BM_IdleEventLoop(benchmark::State& state) {
     double cpu0 = CpuSeconds();
     auto t0 = std::chrono::steady_clock::now();
     for (auto _ : state) {
-        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(Span(2, 0.5));
         while (std::chrono::steady_clock::now() < until) {
             timeval tv{0, 100000};
             libusb_handle_events_timeout(nullptr, &tv);
@@ -168,11 +167,17 @@ void BM_IdleEventLoop(benchmark::State& state) {
     libusb_free_transfer(t1);
     libusb_free_transfer(t2);
 }
-BENCHMARK(BM_IdleEventLoop)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    TakeShortOption(&argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RegisterBenchmark("BM_CommandRoundTrip", BM_CommandRoundTrip)->MinTime(Span(2.0, 0.05))->UseRealTime();
+    benchmark::RegisterBenchmark("BM_ReceiveBothChannelsAtCeiling", BM_ReceiveBothChannelsAtCeiling)
+        ->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+    benchmark::RegisterBenchmark("BM_IdleEventLoop", BM_IdleEventLoop)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
     // The testbed comes before libusb's default context, and lives as long as the process.
     auto bed = std::make_unique<SimTestbed>(1);
     if (!bed->Ok()) return 1;
@@ -183,7 +188,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "sim_bench: no simulated adapter\n");
         return 1;
     }
-    benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     libusb_release_interface(g_h, 0);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "BenchShort.h"
 #include "tool/SimTrace.h"
 
 using namespace vexlo_sim;
@@ -44,6 +45,12 @@ static void BM_TraceToFile(benchmark::State& state) {
     state.counters["lines_per_s"] = static_cast<double>(lines) / secs;
     state.counters["ratio_to_ceiling"] = static_cast<double>(lines) / secs / 42553.0;
 }
-BENCHMARK(BM_TraceToFile)->MinTime(2.0)->UseRealTime();
-
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    TakeShortOption(&argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RegisterBenchmark("BM_TraceToFile", BM_TraceToFile)->MinTime(Span(2.0, 0.05))->UseRealTime();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

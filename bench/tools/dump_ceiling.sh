@@ -4,9 +4,17 @@
 # (default 30) each way in one run: logged with -L to a file, then captured with -w to a pcap
 # file. Reports for each the frames per second the command wrote, the CPU time it spent per
 # frame, and whether any frame was lost (queue counters and identifier gaps).
-#   bench/tools/dump_ceiling.sh [SECONDS]     (VEXLO, VEXLO_SIM: the programs; default build/)
+#   bench/tools/dump_ceiling.sh [--short] [SECONDS]     (VEXLO, VEXLO_SIM: the programs; default build/)
+# --short: 1 s each way, to show that it still runs: it fails only when a dump wrote no frame or
+# ended otherwise than with a summary (status 0, or 1 for frames lost).
 set -euo pipefail
 
+short=0
+if [ "${1:-}" = --short ]; then
+  short=1
+  shift
+  set -- "${1:-1}"
+fi
 secs=${1:-30}
 vexlo=${VEXLO:-build/tools/vexlo}
 sim=${VEXLO_SIM:-build/sim/vexlo-sim}
@@ -68,6 +76,10 @@ for mode in log pcap; do
     printf "  command CPU: user %.2f s + system %.2f s = %.2f us per frame (user %.2f, system %.2f)\n", u, y, (u + y) * 1e6 / n, u * 1e6 / n, y * 1e6 / n
     printf "  frames missing from the identifier sequence: %d; exit status %d\n", g, st
   }'
-  if [ "$status" -ne 0 ] || [ "$gaps" -ne 0 ]; then fail=1; fi
+  if [ $short = 1 ]; then
+    if [ "$frames" -eq 0 ] || [ "$status" -gt 1 ]; then fail=1; fi
+  elif [ "$status" -ne 0 ] || [ "$gaps" -ne 0 ]; then
+    fail=1
+  fi
 done
 exit $fail

@@ -4,6 +4,7 @@ import asyncio
 import concurrent.futures
 import ctypes
 import gc
+import logging
 import os
 import signal
 import subprocess
@@ -69,7 +70,8 @@ def test_an_unusual_rate_gets_the_librarys_timing_bytes():
     assert [reg[0] for reg in regs] == [w.value for w in want]
 
 
-def test_an_adapter_held_by_another_program_is_busy_and_listed(capfd):
+def test_an_adapter_held_by_another_program_is_busy_and_listed(capfd, caplog):
+    caplog.set_level(logging.DEBUG, logger="can.vexlo")
     hold = "import can, sys; b = can.Bus(interface='vexlo', channel=1); print('held', flush=True); sys.stdin.read()"
     with subprocess.Popen([sys.executable, "-c", hold], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
         assert holder.stdout.readline() == b"held\n"
@@ -77,7 +79,8 @@ def test_an_adapter_held_by_another_program_is_busy_and_listed(capfd):
             bus(0)
         assert [c["channel"] for c in can.detect_available_configs(interfaces=["vexlo"])] == \
             ["0:0", "0:1", "1:0", "1:1"]
-        assert capfd.readouterr().out == ""  # the library's lines go to logging
+        assert capfd.readouterr().out == ""  # the library's lines go to logging, at debug level
+        assert {r.levelno for r in caplog.records if r.name == "can.vexlo"} == {logging.DEBUG}
 
 
 def test_unplug_ends_a_recv_without_timeout():

@@ -1,7 +1,9 @@
 """ctypes binding of libvexlo.so.1: the records and the calls the bus uses.
 
 Each library is bound once per process, however many paths name it, and from then on hands its
-log lines to Python's logging (logger "can.vexlo") instead of standard output.
+log lines to Python's logging (logger "can.vexlo", level DEBUG) instead of standard output: the
+bus says why something failed in its exceptions, and the library's own lines are for looking
+closer (logging.getLogger("can.vexlo").setLevel(logging.DEBUG) with a handler shows them).
 """
 
 import ctypes
@@ -17,7 +19,6 @@ FRAME_ERROR = 1  # VEXLO_FRAME.flags of an error frame
 OPEN_MISSING, OPEN_BUSY, OPEN_DENIED = 1, 2, 3  # vexlo_open_error
 
 log = logging.getLogger("can.vexlo")
-_LEVELS = {0: logging.DEBUG, 1: logging.WARNING, 2: logging.ERROR}
 
 
 class CAN_OBJ(ctypes.Structure):
@@ -114,8 +115,8 @@ _lock = threading.Lock()
 
 
 @LOG_FN
-def _log_line(_user, level, line):
-    log.log(_LEVELS.get(level, logging.ERROR), "%s", line.decode(errors="replace"))
+def _log_line(_user, _level, line):
+    log.debug("%s", line.decode(errors="replace"))
 
 
 def load(path=None):

@@ -259,10 +259,17 @@ void SimAdapter::AdvanceBus(unsigned seg, uint64_t now) {
             }
             if (w.gen) gen_[w.ch].Advance(end);
             else ch_[w.ch].OnTxDone();
-        } else if (w.gen) {
-            gen_[w.ch].Advance(end);  // a generator does not retry: the frame is dropped
         } else {
-            ch_[w.ch].OnAckError(&notices, ts);
+            // The listen-only controllers hear the sender's error flag while it is error active
+            // (a generator always is); a passive flag leaves the bus recessive.
+            bool flag = w.gen || !ch_[w.ch].ErrorPassive();
+            for (unsigned c = 0; c < kChannels; ++c) {
+                if (flag && (w.gen || c != w.ch) && OnSegment(c, seg) && ch_[c].OnBus() && ch_[c].listen_only_ &&
+                    ch_[c].bitrate_ == rate)
+                    ch_[c].OnAckErrorHeard(&notices, ts);
+            }
+            if (w.gen) gen_[w.ch].Advance(end);  // a generator does not retry: the frame is dropped
+            else ch_[w.ch].OnAckError(&notices, ts);
         }
         for (unsigned c = 0; c < kChannels; ++c)
             if (OnSegment(c, seg)) ch_[c].AccountBus(end - start);

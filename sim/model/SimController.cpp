@@ -140,6 +140,11 @@ void SimController::OnAckError(std::vector<SimRecord>* notices, uint32_t ts) {
     }
 }
 
+void SimController::OnAckErrorHeard(std::vector<SimRecord>* notices, uint32_t ts) {
+    ecc_ = kAckFlagHeardCode;
+    notices->push_back(SimRecord::Notice(kEvBusError, index_, ts));
+}
+
 void SimController::OnRxDone() {
     if (rec_ > 0) --rec_;
 }

@@ -32,6 +32,7 @@ class SimController {
 public:
     static constexpr uint8_t kDefaultWarnLimit = 96;
     static constexpr uint8_t kAckErrorCode = 0xD9;  // "other" error, transmitting, ACK slot
+    static constexpr uint8_t kAckFlagHeardCode = 0x7B;  // form error, receiving, ACK delimiter
     static constexpr size_t kDefaultTxCapacity = 16;
 
     explicit SimController(unsigned index);
@@ -62,6 +63,9 @@ public:
     // Fault confinement. Each appends the notices the change of state produces.
     void OnTxDone();
     void OnAckError(std::vector<SimRecord>* notices, uint32_t ts);
+    // A listen-only controller hears another node's frame go unacknowledged: that node's active
+    // error flag breaks the ACK delimiter. A bus error; listen-only, its counters stay.
+    void OnAckErrorHeard(std::vector<SimRecord>* notices, uint32_t ts);
     void OnRxDone();
     void OnArbitrationLost(uint8_t bit, std::vector<SimRecord>* notices, uint32_t ts);
 

@@ -17,7 +17,16 @@ SimFaultPlan::SimFaultPlan(SimTestbed* bed, const SimToolOptions& opt) : bed_(be
 }
 
 void SimFaultPlan::Start() {
+    t0_ = std::chrono::steady_clock::now();
     if (!steps_.empty()) thread_ = std::thread(&SimFaultPlan::Run, this);
+}
+
+void SimFaultPlan::Ended() {
+    if (!steps_.empty()) std::fprintf(stderr, "vexlo-sim: %.3f s: the program ended\n", Elapsed());
+}
+
+double SimFaultPlan::Elapsed() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0_).count();
 }
 
 void SimFaultPlan::Stop() {
@@ -30,10 +39,9 @@ void SimFaultPlan::Stop() {
 }
 
 void SimFaultPlan::Run() {
-    auto t0 = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(mu_);
     for (const Step& s : steps_) {
-        auto when = t0 + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        auto when = t0_ + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                              std::chrono::duration<double>(s.at));
         if (cv_.wait_until(lock, when, [this] { return stop_; })) return;
         lock.unlock();
@@ -44,18 +52,20 @@ void SimFaultPlan::Run() {
 
 void SimFaultPlan::Apply(const Step& s) {
     SimDevice& dev = bed_->Adapter(s.adapter);
+    // The time the fault began: the program may see it before it is complete.
+    const double at = Elapsed();
     switch (s.kind) {
     case Kind::kUnplug:
-        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u %s\n", s.at, s.adapter,
+        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u %s\n", at, s.adapter,
                      dev.Unplug() ? "unplugged" : "was not plugged in");
         break;
     case Kind::kReplug:
-        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u %s\n", s.at, s.adapter,
+        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u %s\n", at, s.adapter,
                      dev.Replug() ? "plugged back" : "could not be plugged back");
         break;
     case Kind::kDelay:
         dev.SetDelay(s.ms);
-        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u answers %u ms late\n", s.at, s.adapter, s.ms);
+        std::fprintf(stderr, "vexlo-sim: %.3f s: adapter %u answers %u ms late\n", at, s.adapter, s.ms);
         break;
     }
 }

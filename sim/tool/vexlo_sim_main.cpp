@@ -50,8 +50,8 @@ sigset_t Watched() {
 // Waits for the program to end. A termination (SIGTERM, SIGINT, SIGHUP) sent to vexlo-sim goes on
 // to the program's process group, so that what the program started ends with it; the program
 // then ends and lets the trace be written out. One that does not end in time is killed, with its
-// group, and so is what it leaves behind.
-int WaitForProgram(pid_t pid, const sigset_t& watched) {
+// group, and so is what it leaves behind. *terminated tells whether a termination was passed on.
+int WaitForProgram(pid_t pid, const sigset_t& watched, bool* terminated) {
     int status = 0;
     bool ended = false;
     struct timespec deadline = {0, 0};
@@ -75,6 +75,7 @@ int WaitForProgram(pid_t pid, const sigset_t& watched) {
         }
     }
     if (ended) kill(-pid, SIGKILL);
+    *terminated = ended;
     return status;
 }
 }  // namespace
@@ -153,8 +154,10 @@ int main(int argc, char** argv) {
     setpgid(pid, pid);  // also here: whichever of the two runs first
     if (terminal) tcsetpgrp(STDIN_FILENO, pid);
     plan.Start();
-    int status = WaitForProgram(pid, watched);
+    bool terminated = false;
+    int status = WaitForProgram(pid, watched, &terminated);
     if (status < 0) return 2;
+    if (!terminated) plan.Ended();
     if (terminal) tcsetpgrp(STDIN_FILENO, getpgrp());
     plan.Stop();
     if (WIFEXITED(status)) return WEXITSTATUS(status);

@@ -1,7 +1,8 @@
 #include "XLog.h"
 
+#include <pthread.h>
+
 #include <cstdarg>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -23,16 +24,19 @@ extern "C" VEXLO_API unsigned int VCI_Debug(unsigned int mask) {
 
 static XLogSinkFn g_sink = XLogStdout;
 
-// The application's function for log lines (vexlo_set_log). Each setting is written into the next
-// of a few slots and then published, so that a line being written on another thread meanwhile
-// reads a whole (old or new) setting, without a lock on the path of every line.
-struct XLogApp {
-    vexlo_log_fn fn;
-    void* user;
-};
-static XLogApp g_apps[8];
-static std::atomic<unsigned> g_appnext{0};
-static std::atomic<const XLogApp*> g_app{nullptr};
+// The application's function for log lines (vexlo_set_log) and its user pointer, read and
+// written together under one lock, so that a line goes to the old setting or the new one, never
+// to one function with the other's pointer. The lock is not held while the function runs: a line
+// of another thread, or a new setting made from inside the function, never waits for it. (A
+// constant initialiser: no constructor to order, no destructor to run before the last line.)
+static pthread_mutex_t g_applock = PTHREAD_MUTEX_INITIALIZER;
+static vexlo_log_fn g_appfn = nullptr;
+static void* g_appuser = nullptr;
+
+// Set while this thread runs the application's function.
+static thread_local bool t_inside = false;
+
+bool XLogInside() { return t_inside; }
 
 static int XLogLevel(const char* text) {
     // The level word follows the first ": vexlo: " of the line.
@@ -45,25 +49,29 @@ static int XLogLevel(const char* text) {
 }
 
 static void XLogToApp(const char* text, size_t len) {
-    const XLogApp* app = g_app.load(std::memory_order_acquire);
-    if (!app) {
+    // The lines of calls made from inside the application's function are not handed to it again:
+    // a function that calls the library would otherwise call itself without end.
+    if (t_inside) return;
+    pthread_mutex_lock(&g_applock);
+    const vexlo_log_fn fn = g_appfn;
+    void* const user = g_appuser;
+    pthread_mutex_unlock(&g_applock);
+    if (!fn) {
         g_sink(text, len);
         return;
     }
     // Handed over whole, without the line end.
     std::string line(text, len && text[len - 1] == '\n' ? len - 1 : len);
-    app->fn(app->user, XLogLevel(line.c_str()), line.c_str());
+    t_inside = true;
+    fn(user, XLogLevel(line.c_str()), line.c_str());
+    t_inside = false;
 }
 
 extern "C" VEXLO_API void vexlo_set_log(vexlo_log_fn fn, void* user) {
-    const XLogApp* app = nullptr;
-    if (fn) {
-        XLogApp* slot = &g_apps[g_appnext.fetch_add(1, std::memory_order_relaxed) % 8];
-        slot->fn = fn;
-        slot->user = user;
-        app = slot;
-    }
-    g_app.store(app, std::memory_order_release);
+    pthread_mutex_lock(&g_applock);
+    g_appfn = fn;
+    g_appuser = fn ? user : nullptr;
+    pthread_mutex_unlock(&g_applock);
 }
 
 void XLogStdout(const char* text, size_t len) {

@@ -32,6 +32,12 @@ void XLogWrite(const char* level, const char* func, int line, const char* fmt, .
 // Writes "<prefix>head" followed by each byte as "%02x " and a newline, as one DBG line.
 void XLogDump(const char* func, int line, const char* head, const U8* bytes, size_t n);
 
+// True while this thread runs the application's log function (vexlo_set_log). The calls that
+// use a device or USB then fail at once with their failure result and write nothing: the line
+// being written may come from a path that holds one of the library's locks (an exchange, the
+// receive queues, a transfer), which such a call would wait for on this very thread.
+bool XLogInside();
+
 // Where every log line goes. The default writes to standard output; tests may divert it.
 typedef void (*XLogSinkFn)(const char* text, size_t len);
 void XLogSetSink(XLogSinkFn sink);  // null restores standard output

@@ -234,6 +234,9 @@ bool CanDev::AnyInFlight() {
 
 CanDev* CanDev::FindDevice(unsigned int index) {
     CanDev* dev = nullptr;
+    // From inside the application's log function no device is found: every call that needs one
+    // then fails at once, as for a device that is not open (XLogInside).
+    if (XLogInside()) return nullptr;
     {
         XLock guard(&devlck_);
         auto it = devmap_.find(index);

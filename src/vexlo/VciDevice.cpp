@@ -4,6 +4,11 @@
 
 extern "C" VEXLO_API unsigned int VCI_OpenDevice(unsigned int DevType, unsigned int DevIndex, unsigned int Reserved) {
     (void)Reserved;
+    // From inside the application's log function nothing is opened (XLogInside).
+    if (XLogInside()) {
+        CanDev::openerr_ = VEXLO_OPEN_FAILED;
+        return 0;
+    }
     CanDev* dev = CanDev::FindDevice(DevIndex);
     int init = CanDev::Init();
     XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d\n", DevType, DevIndex);
@@ -32,6 +37,9 @@ extern "C" VEXLO_API unsigned int VCI_OpenDevice(unsigned int DevType, unsigned 
 }
 
 extern "C" VEXLO_API unsigned int VCI_CloseDevice(unsigned int DevType, unsigned int DevIndex) {
+    // A close waits for the device's event thread, which may be the one running the application's
+    // log function: from inside that function nothing is closed (XLogInside).
+    if (XLogInside()) return 0;
     XDBG(XLOG_GENERAL, "+++ Type=%d, Card=%d\n", DevType, DevIndex);
     CanDev* dev = CanDev::FindDevice(DevIndex);
     XDBG(XLOG_GENERAL, "CanDev=%p\n", static_cast<void*>(dev));

@@ -44,6 +44,7 @@ extern "C" VEXLO_API int vexlo_filter_pass(const VEXLO_FILTER* filters, unsigned
 // Counted from libusb's device list as the open counts positions, but without opening anything,
 // so an adapter another program holds counts too.
 extern "C" VEXLO_API int vexlo_count(void) {
+    if (XLogInside()) return -1;
     if (CanDev::Init() != 0) return -1;
     libusb_device** list = nullptr;
     ssize_t n = libusb_get_device_list(nullptr, &list);

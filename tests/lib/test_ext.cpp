@@ -2,7 +2,7 @@
 // traffic (and the error record its notices write), bad arguments, the receive readiness
 // descriptor against the queue (also under a racing drain), notices as error frames in order among
 // the frames of vexlo_receive, host times against a generator's spacing, and the loss of a full
-// queue, which keeps its oldest frames.
+// queue, which keeps its oldest frames. Then a log function that calls the library.
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -10,7 +10,10 @@
 
 #include <chrono>
 #include <cstddef>
+#include <mutex>
+#include <set>
 #include <thread>
+#include <vector>
 
 #include "LibFixture.h"
 #include "vexlo_ext.h"
@@ -140,4 +143,41 @@ TEST_F(ExtTest, CountersAndReadinessFollowTheTraffic) {
     EXPECT_EQ(Take(0, 1), V({0x1'0004'0001'0000}));
     Sim().InjectFrame(0, vs::SimFrame());
     EXPECT_EQ(VCI_Receive(kType, 0, 0, many, 1, 1000), 1u);
+}
+
+// A log function that calls back into the library, on lines written while the library holds its
+// locks: frame traces of a transmit (the exchange's lock), of the reception (the event thread) and
+// of a receive (the queues' lock), a refused transmit's error (the exchange's lock), an unplug's
+// lines (the event thread). Each call that needs a device fails at once, whatever thread and lock,
+// and leaves the device as it was; a call that needs none works. Nothing hangs.
+static std::mutex g_mu;
+static std::multiset<std::vector<long>> g_results;  // of the calls, per line
+static void CallBack(void*, int, const char*) {
+    CAN_INFO info;
+    CAN_OBJ obj = {};
+    VEXLO_FRAME f;
+    unsigned char b[2];
+    const std::vector<long> got = {VCI_ReadBoardInfo(kType, 0, &info), VCI_GetReceiveNum(kType, 0, 1),
+                                   VCI_Transmit(kType, 0, 0, &obj, 1), vexlo_receive(0, 1, &f, 1, -1),
+                                   vexlo_present(0), VCI_CloseDevice(kType, 0), VCI_OpenDevice(kType, 1, 0),
+                                   vexlo_count(), vexlo_timing_for_rate(500000, b, b + 1, nullptr, nullptr)};
+    std::lock_guard<std::mutex> g(g_mu);
+    g_results.insert(got);
+}
+
+TEST_F(ExtTest, CallsFromTheLogFunctionFailAtOnceOrWork) {
+    OpenAndStart();
+    vexlo_set_log(CallBack, nullptr);
+    VCI_Debug(0x20);  // a line per frame
+    CAN_OBJ obj = {};
+    EXPECT_TRUE(VCI_Transmit(kType, 0, 0, &obj, 1) == 1 && VCI_Receive(kType, 0, 1, &obj, 1, 2000) == 1);
+    VCI_Debug(0);
+    Sim().SetTxAccept(0);
+    CAN_INFO info;
+    EXPECT_TRUE(VCI_Transmit(kType, 0, 0, &obj, 1) == 0 && VCI_ReadBoardInfo(kType, 0, &info) == 1);  // still open
+    Sim().Unplug();
+    for (int i = 500; i-- && vexlo_present(0) != VEXLO_GONE;) usleep(10000);
+    vexlo_set_log(nullptr, nullptr);
+    EXPECT_GE(g_results.size(), 6u);
+    EXPECT_EQ(g_results.size(), g_results.count({0, 0, 0, -1, -1, 0, 0, -1, 1}));
 }

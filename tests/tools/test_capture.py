@@ -65,6 +65,17 @@ def test_extcap_lists_channels_and_captures_with_tshark(tmp_path):
     assert [r[2][8:8 + r[2][4]] for r in recs] == [generated(n, "dlc")[3] for n in range(50)]
     assert tshark_fields(tmp_path / "cap.pcap", *FIELDS) == [
         [str(n), "0", "0", "0", str(n % 9)] for n in range(50)]
+    assert "hears only bus errors" not in p.stderr
+
+
+@UNSANITIZED_TSHARK
+def test_extcap_says_why_a_listen_only_capture_hears_only_bus_errors(tmp_path):
+    # A lone generator: nothing acknowledges its frames, the listen-only capture hears its error flags.
+    p = sim(tmp_path, ["-g", "1:1000"], f"tshark -i vexlo0can1 -o extcap.vexlo0can1.logfile:{tmp_path}/log -c 20 -w e.pcap")
+    hint = "vexlo-extcap: channel 1 of adapter 0 hears only bus errors and no frame: no node on the bus acknowledges"
+    assert hint in p.stderr
+    assert hint in (tmp_path / "log").read_text()
+    assert tshark_fields(tmp_path / "e.pcap", "can.flags.err") == [["1"]] * 20
 
 
 @UNSANITIZED_TSHARK

@@ -45,10 +45,14 @@ void InstallStop() {
     signal(SIGPIPE, SIG_IGN);
 }
 
-// The library's lines during the capture go to standard error, where Wireshark shows them; the
-// fifo is the only output. Those of the open are kept, and shown only when the library has no
-// word for the failure.
-void LogToStderr(void*, int, const char* line) { std::fprintf(stderr, "%s\n", line); }
+// A listen-only capture that has heard this many bus errors and not one frame says why that may be.
+const unsigned long long kHintAfter = 10;
+const unsigned kCanErrBusError = 0x080;  // error class of a bus error (Linux CAN error frames)
+
+// The library's lines during the capture go to standard error, where Wireshark shows them, and to
+// the log file; the fifo is the only output. Those of the open are kept, and shown only when the
+// library has no word for the failure.
+void LogToStderr(void*, int, const char* line) { LibraryLine(line); }
 void LogToString(void* lines, int, const char* line) {
     static_cast<std::string*>(lines)->append(line).push_back('\n');
 }
@@ -69,6 +73,8 @@ private:
     std::vector<VEXLO_FILTER> filters_;
     int exact_ = 1;  // 1: the adapter's filter passes exactly the frames of the capture filter
     bool open_ = false;
+    unsigned long long heard_ = 0, bus_errors_ = 0;  // frames and bus errors the channel received
+    bool hinted_ = false;
     int fifo_ = -1;  // until the writer takes it
     vexlo_tool::XPcapWriter out_;
 };
@@ -95,7 +101,8 @@ bool XCapture::Start() {
         } else if (why == VEXLO_OPEN_MISSING) {
             Complain("no adapter at position %u: is it plugged in?", dev_);
         } else {
-            std::fputs(lines.c_str(), stderr);
+            if (!lines.empty()) lines.pop_back();
+            if (!lines.empty()) LibraryLine(lines.c_str());
             Complain("cannot open adapter %u: %s", dev_, text && *text ? text : "the adapter could not be opened");
         }
         return false;
@@ -164,10 +171,21 @@ int XCapture::Take() {
         const VEXLO_FRAME& f = buf[i];
         // Notices always go through: the capture filter selects frames.
         bool notice = (f.flags & VEXLO_FRAME_ERROR) != 0;
+        if (!notice) ++heard_;
+        else if (f.frame.Id & kCanErrBusError) ++bus_errors_;
         if (!notice && exact_ != 1 &&
             vexlo_filter_pass(filters_.data(), static_cast<unsigned>(filters_.size()), &f.frame) != 1)
             continue;
         out_.Write(f);
+    }
+    if (req_.listen_only && !hinted_ && heard_ == 0 && bus_errors_ >= kHintAfter) {
+        // A lone sender on a bus, heard by listen-only nodes only, never completes a frame; the
+        // listeners hear its error flags. Said once, the capture goes on.
+        hinted_ = true;
+        Complain("channel %u of adapter %u hears only bus errors and no frame: no node on the bus acknowledges "
+                 "frames while this capture is listen-only (start a node that does, or capture with listen-only "
+                 "off), or the bit rate is not the bus's",
+                 ch_, dev_);
     }
     if (got > 0 && !out_.Flush()) {
         if (out_.errno_value() == EPIPE) return kExitOk;  // Wireshark stopped reading

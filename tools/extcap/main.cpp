@@ -3,6 +3,7 @@
 // --extcap-dlts and --extcap-config, to check a capture filter, and with --capture to capture.
 #include <getopt.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -16,13 +17,31 @@
 
 namespace vexlo_extcap {
 
+namespace {
+FILE* g_log = nullptr;
+}
+
+void OpenLog(const std::string& path) {
+    g_log = std::fopen(path.c_str(), "ae");
+    if (!g_log) Complain("cannot open the log file '%s': %s", path.c_str(), std::strerror(errno));
+}
+
+void LibraryLine(const char* line) {
+    std::fprintf(stderr, "%s\n", line);
+    if (g_log) {
+        std::fprintf(g_log, "%s\n", line);
+        std::fflush(g_log);
+    }
+}
+
 void Complain(const char* fmt, ...) {
     char text[1024];
     va_list ap;
     va_start(ap, fmt);
     std::vsnprintf(text, sizeof(text), fmt, ap);
     va_end(ap);
-    std::fprintf(stderr, "vexlo-extcap: %s\n", text);
+    std::string line = std::string("vexlo-extcap: ") + text;
+    LibraryLine(line.c_str());
 }
 
 }  // namespace vexlo_extcap
@@ -44,6 +63,7 @@ const char kUsage[] =
     "  --bitrate-other RATE     any other rate (83.333k, 47619, ...), instead of --bitrate\n"
     "  --btr B0:B1              the bus timing bytes in hex, instead of a rate\n"
     "  --listen-only true|false never acknowledge nor send on the bus (default true)\n"
+    "  --log-file FILE          also write the program's and the library's lines to FILE\n"
     "  --extcap-capture-filter FILTERS\n"
     "                           candump filters ID:MASK or ID~MASK, separated by commas or blanks\n"
     "  --extcap-version         the program's version line\n";
@@ -74,6 +94,9 @@ void PrintConfig() {
     std::printf("arg {number=3}{call=--listen-only}{display=Listen only}{type=boolean}{default=true}"
                 "{tooltip=Never acknowledge nor send on the bus, so that the capture does not disturb it}"
                 "{group=Bus}\n");
+    std::printf("arg {number=4}{call=--log-file}{display=Log file}{type=fileselect}{mustexist=false}"
+                "{tooltip=A file that also gets the capture's warnings and errors and the library's lines}"
+                "{group=Debug}\n");
 }
 
 bool TimingFor(const std::string& text, CaptureRequest* req) {
@@ -96,7 +119,7 @@ bool TimingFor(const std::string& text, CaptureRequest* req) {
 
 int main(int argc, char** argv) {
     enum Option { kInterfaces = 256, kVersion, kDlts, kConfig, kIface, kCapture, kFifo, kFilter, kControl,
-                  kRate, kOtherRate, kBtr, kListenOnly, kHelp };
+                  kRate, kOtherRate, kBtr, kListenOnly, kLogFile, kHelp };
     static const option kOptions[] = {
         {"extcap-interfaces", no_argument, nullptr, kInterfaces},
         {"extcap-version", optional_argument, nullptr, kVersion},
@@ -112,6 +135,7 @@ int main(int argc, char** argv) {
         {"bitrate-other", required_argument, nullptr, kOtherRate},
         {"btr", required_argument, nullptr, kBtr},
         {"listen-only", required_argument, nullptr, kListenOnly},
+        {"log-file", required_argument, nullptr, kLogFile},
         {"help", no_argument, nullptr, kHelp},
         {nullptr, 0, nullptr, 0}};
     int action = 0;
@@ -142,6 +166,9 @@ int main(int argc, char** argv) {
                 return kExitUsage;
             }
             req.listen_only = v == "true" || v == "1";
+            break;
+        case kLogFile:
+            if (!v.empty()) OpenLog(v);
             break;
         case kHelp:
             std::fputs(kUsage, stdout);

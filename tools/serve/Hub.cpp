@@ -44,6 +44,7 @@ bool XHub::Start(std::string* why) {
     }
     loop_->Watch(tx_.Fd(), EPOLLIN, [this](uint32_t) { Results(); });
     if (!OpenAdapter(why)) return false;
+    ArmNotices();
     started_ = true;
     tick_.At(loop_, MonoUs() + 1000000, [this] { Tick(); });
     return true;
@@ -217,6 +218,13 @@ void XHub::Receive(unsigned bus) {
     }
 }
 
+void XHub::ArmNotices() {
+    // Notices wake the loop only once vexlo_receive has been called on the channel: a first call
+    // here, so that a notice on a quiet bus (a lone sender's acknowledgement errors) is not kept
+    // until a frame arrives.
+    for (unsigned ch = 0; ch < kBuses; ++ch) Receive(ch);
+}
+
 void XHub::Results() {
     tx_.TakeResults(&results_);
     for (const XTransmitter::Result& r : results_) {
@@ -291,7 +299,10 @@ void XHub::Tick() {
     g_quiet = true;
     bool ok = OpenAdapter(&why);
     g_quiet = false;
-    if (ok) std::fprintf(stderr, "vexlo: adapter %u is back: serving it again\n", options_.dev);
+    if (!ok) return;
+    std::fprintf(stderr, "vexlo: adapter %u is back: serving it again\n", options_.dev);
+    for (const auto& task : back_) task();
+    ArmNotices();
 }
 
 }  // namespace vexlo_serve

@@ -24,10 +24,13 @@
 //   Until then Join returns false. Stop() removes every client without a callback.
 // - The hub never waits for the adapter on the loop's thread: an unplugged adapter is closed, and
 //   the transmission in progress waited for, on a thread of its own.
+// - A client that stays in place through an unplug (a CAN interface) asks WhenBack to be told
+//   once the adapter is open again, before any of its frames is delivered, and joins again there.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -113,6 +116,8 @@ public:
     bool Busy(const XHubClient* client, unsigned bus) const override;
     bool listen_only() const override { return options_.listen_only; }
     unsigned dev() const { return options_.dev; }
+    // Runs `task` each time the adapter is open again after an unplug.
+    void WhenBack(std::function<void()> task) { back_.push_back(std::move(task)); }
 
 private:
     struct Member {
@@ -125,6 +130,7 @@ private:
     // it was unplugged (the close then waits for answers that never come).
     void CloseAdapter(bool unplugged);
     void Receive(unsigned bus);
+    void ArmNotices();
     void Results();
     void Deliver(unsigned bus, const VEXLO_FRAME* frames, unsigned count, XHubClient* except);
     void Gone();
@@ -146,6 +152,7 @@ private:
     std::vector<XTransmitter::Result> results_;
     std::thread closer_;
     std::atomic<bool> closed_{true};  // the closer has finished
+    std::vector<std::function<void()>> back_;
 };
 
 }  // namespace vexlo_serve

@@ -148,6 +148,13 @@ int XServer::Run() {
         slcan_ptys_.push_back(std::make_unique<XSlcanPty>(&loop_, &hub_, line.second, line.first));
         if (!slcan_ptys_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
     }
+    for (const auto& link : options_.socketcan) {
+        can_links_.push_back(std::make_unique<XSocketCanLink>(&loop_, &hub_, link.first, link.second));
+        if (!can_links_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
+    }
+    hub_.WhenBack([this] {
+        for (auto& link : can_links_) link->Back();
+    });
     std::string where;
     for (const std::string& at : options_.listen) where += (where.empty() ? "" : ", ") + at;
     std::fprintf(stderr, "vexlo: serving adapter %u as %s and %s on %s\n", options_.hub.dev,
@@ -165,6 +172,7 @@ int XServer::Run() {
     conns_.clear();
     slcan_ptys_.clear();
     slcan_ports_.clear();
+    can_links_.clear();
     hub_.Stop();
     return status;
 }

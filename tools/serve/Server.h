@@ -14,6 +14,7 @@
 #include "Hub.h"
 #include "Loop.h"
 #include "SlcanLine.h"
+#include "SocketCanLink.h"
 
 namespace vexlo_serve {
 
@@ -27,6 +28,7 @@ struct XServeOptions {
     sockaddr_in beacon_target{};
     bool beacon_off = false;
     std::vector<std::pair<std::string, unsigned>> slcan, slcan_tcp;  // serial lines: LINK or ADDR:PORT, bus
+    std::vector<std::pair<std::string, unsigned>> socketcan;         // CAN interfaces: IFACE, bus
 };
 
 class XServer {
@@ -54,6 +56,7 @@ private:
     XTimer resume_accept_;
     std::vector<std::unique_ptr<XSlcanPty>> slcan_ptys_;
     std::vector<std::unique_ptr<XSlcanTcp>> slcan_ports_;
+    std::vector<std::unique_ptr<XSocketCanLink>> can_links_;
 };
 
 }  // namespace vexlo_serve

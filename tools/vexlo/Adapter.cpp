@@ -4,10 +4,13 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 
 #include "Process.h"
 
 namespace vexlo_tool {
+
+const char kAckHint[] = "(is another node acknowledging?)";
 
 int XAdapter::Open() {
     if (VCI_OpenDevice(kDevType, common_.dev, 0)) {
@@ -44,11 +47,76 @@ bool XAdapter::Start(unsigned channel, const std::vector<VEXLO_FILTER>& filters,
     init.BusTiming0 = common_.btr0;
     init.BusTiming1 = common_.btr1;
     init.ListenOnly = common_.listen_only ? 1 : 0;
-    if (!VCI_InitCAN(kDevType, common_.dev, channel, &init) || !VCI_StartCAN(kDevType, common_.dev, channel)) {
+    const unsigned dev = common_.dev;
+    if (!Call([dev, channel, init]() mutable { return VCI_InitCAN(kDevType, dev, channel, &init); }) ||
+        !Call([dev, channel] { return VCI_StartCAN(kDevType, dev, channel); })) {
         if (Present()) Complain("cannot start channel %u of adapter %u", channel, common_.dev);
         return false;
     }
     started_[channel] = true;
+    return true;
+}
+
+unsigned XAdapter::Call(const std::function<unsigned()>& call) {
+    unsigned result = 0;
+    if (!Present()) return 0;
+    const unsigned dev = common_.dev;
+    if (caller_.Run(call, [dev] { return vexlo_present(dev) == VEXLO_GONE; }, &result)) return result;
+    MarkGone();
+    return 0;
+}
+
+bool XAdapter::Transmit(unsigned channel, const CAN_OBJ* frames, unsigned n, unsigned* took) {
+    // The call gets a copy: one left behind at an unplug may still read it after this returns.
+    auto copy = std::make_shared<std::vector<CAN_OBJ>>(frames, frames + n);
+    const unsigned dev = common_.dev;
+    *took = Call([dev, channel, copy] { return VCI_Transmit(kDevType, dev, channel, copy->data(),
+                                                             static_cast<unsigned>(copy->size())); });
+    if (*took > n) *took = 0;
+    return !gone_;
+}
+
+bool XAdapter::Offer(unsigned channel, const CAN_OBJ* frames, unsigned n, unsigned* took) {
+    const uint64_t until = MonoUs() + 1000000;
+    *took = 0;
+    while (!Stopping()) {
+        if (!Transmit(channel, frames, n, took)) return false;
+        if (*took > 0) return true;
+        if (MonoUs() >= until) {
+            Complain("the adapter refused every frame on channel %u for a second %s", channel, kAckHint);
+            return false;
+        }
+        // The transmit buffer is full: let the bus drain it.
+        if (!Pause(MonoUs() + 1000)) return false;
+    }
+    return false;
+}
+
+bool XAdapter::Status(unsigned channel, CAN_STAT* status) {
+    auto out = std::make_shared<CAN_STAT>();
+    std::memset(out.get(), 0, sizeof(CAN_STAT));
+    const unsigned dev = common_.dev;
+    if (!Call([dev, channel, out] { return VCI_ReadCANStatus(kDevType, dev, channel, out.get()); })) return false;
+    *status = *out;
+    return true;
+}
+
+bool XAdapter::Register(unsigned channel, unsigned char reg, unsigned char* value) {
+    auto data = std::make_shared<std::vector<unsigned char>>(4, 0);
+    (*data)[0] = reg;
+    const unsigned dev = common_.dev;
+    if (!Call([dev, channel, data] { return VCI_GetReference(kDevType, dev, channel, 1, data->data()); }))
+        return false;
+    *value = (*data)[0];
+    return true;
+}
+
+bool XAdapter::BoardInfo(CAN_INFO* info) {
+    auto out = std::make_shared<CAN_INFO>();
+    std::memset(out.get(), 0, sizeof(CAN_INFO));
+    const unsigned dev = common_.dev;
+    if (!Call([dev, out] { return VCI_ReadBoardInfo(kDevType, dev, out.get()); })) return false;
+    *info = *out;
     return true;
 }
 
@@ -93,8 +161,7 @@ bool XAdapter::WaitSent(unsigned channel) {
     uint64_t until = MonoUs() + 1000000;
     while (!Stopping() && MonoUs() < until) {
         CAN_STAT st;
-        std::memset(&st, 0, sizeof(st));
-        if (VCI_ReadCANStatus(kDevType, common_.dev, channel, &st) && (st.RegStatus & 0x04)) return true;
+        if (Status(channel, &st) && (st.RegStatus & 0x04)) return true;
         if (!Pause(MonoUs() + 2000)) return false;
     }
     return Stopping();
@@ -109,8 +176,14 @@ void XAdapter::Close() {
         EndWithoutCleanup();
         return;
     }
+    const unsigned dev = common_.dev;
     for (unsigned ch = 0; ch < 2; ++ch)
-        if (started_[ch]) VCI_ResetCAN(kDevType, common_.dev, ch);
+        if (started_[ch]) Call([dev, ch] { return VCI_ResetCAN(kDevType, dev, ch); });
+    // Unplugged meanwhile: a reset may still be waiting for its answer.
+    if (gone_) {
+        EndWithoutCleanup();
+        return;
+    }
     VCI_CloseDevice(kDevType, common_.dev);
 }
 

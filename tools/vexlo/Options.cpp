@@ -14,9 +14,10 @@ namespace {
 // Codes of the long-only common options, above every character.
 enum { kOptBtr = 0x100, kOptListenOnly, kOptVersion };
 
-const char kCommonLetters[] = "d:b:h";
+const char kCommonLetters[] = "d:b:vh";
 const option kCommonLongs[] = {{"btr", required_argument, nullptr, kOptBtr},
                                {"listen-only", no_argument, nullptr, kOptListenOnly},
+                               {"verbose", no_argument, nullptr, 'v'},
                                {"help", no_argument, nullptr, 'h'},
                                {"version", no_argument, nullptr, kOptVersion}};
 
@@ -43,6 +44,9 @@ bool TakeCommon(int code, const char* value, CommonOptions* common) {
             Complain("bad timing bytes '%s' (B0:B1, two hex bytes)", value);
             return false;
         }
+    } else if (code == 'v') {
+        common->verbose = true;
+        ShowLibraryLines();
     } else {
         common->listen_only = true;
     }
@@ -58,6 +62,7 @@ const char kCommonHelp[] =
     "                  within 1% of a reachable one (default 500k)\n"
     "  --btr B0:B1     raw bus timing bytes in hex, instead of -b\n"
     "  --listen-only   never acknowledge nor send on the bus\n"
+    "  -v, --verbose   also show the library's own warnings and errors\n"
     "  -h, --help      this text\n"
     "  --version       the version\n";
 
@@ -94,7 +99,7 @@ int ParseCommandLine(int argc, char** argv, const char* usage, const OwnOptions&
             std::printf("vexlo %s\n", vexlo_version());
             return kExitOk;
         }
-        bool ok = code == 'd' || code == 'b' || code == kOptBtr || code == kOptListenOnly
+        bool ok = code == 'd' || code == 'b' || code == 'v' || code == kOptBtr || code == kOptListenOnly
                       ? TakeCommon(code, optarg, common)
                       : own.take(code, optarg);
         if (!ok) return kExitUsage;

@@ -10,12 +10,13 @@
 
 namespace vexlo_tool {
 
-// The options shared by every subcommand: -d DEV, -b RATE, --btr B0:B1, --listen-only, -h/--help,
-// --version.
+// The options shared by every subcommand: -d DEV, -b RATE, --btr B0:B1, --listen-only, -v/--verbose,
+// -h/--help, --version.
 struct CommonOptions {
     unsigned dev = 0;
     unsigned char btr0 = 0x00, btr1 = 0x1C;  // 500 kbit/s
     bool listen_only = false;
+    bool verbose = false;  // the library's own log lines are shown (ShowLibraryLines)
 };
 extern const char kCommonHelp[];
 

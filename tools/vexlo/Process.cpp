@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,6 +21,7 @@ volatile sig_atomic_t g_stop = 0;
 int g_stop_pipe[2] = {-1, -1};
 bool g_out_failed = false;
 bool g_no_cleanup = false;
+std::atomic<bool> g_library_lines{false};
 
 void OnStopSignal(int sig) {
     // The first signal asks the command to finish; a second one ends it without waiting.
@@ -30,8 +32,9 @@ void OnStopSignal(int sig) {
     (void)r;
 }
 
-// Each line whole in one write, from whichever thread the library writes it on.
+// Each line whole in one write, from whichever thread the library writes it on; none without -v.
 void LibraryLine(void*, int, const char* line) {
+    if (!g_library_lines.load(std::memory_order_relaxed)) return;
     std::string text = line;
     text.push_back('\n');
     ssize_t r = write(2, text.data(), text.size());
@@ -75,6 +78,8 @@ void SetUpProcess() {
     if (isatty(1)) setvbuf(stdout, nullptr, _IOLBF, 0);
     else setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
 }
+
+void ShowLibraryLines() { g_library_lines = true; }
 
 void Complain(const char* fmt, ...) {
     va_list ap;

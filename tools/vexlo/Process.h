@@ -9,11 +9,15 @@ namespace vexlo_tool {
 // Exit statuses of every subcommand.
 enum { kExitOk = 0, kExitFail = 1, kExitUsage = 2 };
 
-// Prepares the process: the library's log lines go whole to standard error, a closed standard
-// descriptor is held by a placeholder that fails every use (so that nothing else opens as it),
-// a reader that goes away makes writes fail instead of killing the process, Ctrl-C and SIGTERM
+// Prepares the process: the library's log lines are taken (and dropped until ShowLibraryLines),
+// a closed standard descriptor is held by a placeholder that fails every use (so that nothing
+// else opens as it), a reader that goes away makes writes fail instead of killing the process, Ctrl-C and SIGTERM
 // ask to stop (a second one ends the process at once), and standard output is buffered.
 void SetUpProcess();
+
+// From now on the library's own log lines go whole to standard error (-v): the command says in
+// its own words why something failed, and the library's lines are for looking closer.
+void ShowLibraryLines();
 
 // Writes "vexlo: " + message + newline to standard error in one write, as each library line is,
 // so that neither is ever cut into the other.

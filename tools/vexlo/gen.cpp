@@ -26,7 +26,11 @@ const char kUsage[] =
     "  -D i|r|HEX      data: increasing counter, random or fixed bytes (default r)\n"
     "  -e              extended identifiers\n"
     "  -R              remote frames\n"
-    "  -n COUNT        stop after COUNT frames (1 to 1000000000000), once they left the adapter\n"
+    "  -n COUNT        stop after COUNT frames (1 to 1000000000000)\n"
+    "\n"
+    "It ends once its last frame has left the adapter. When the adapter refuses every frame for a\n"
+    "second (no other node acknowledges them) it stops; the exit status is then 1, as when\n"
+    "nothing was sent.\n"
     "\n";
 
 struct GenMode {
@@ -107,7 +111,7 @@ int RunGen(int argc, char** argv) {
 
     std::mt19937 rng(static_cast<unsigned>(MonoUs()));
     const unsigned id_limit = ext ? 0x1FFFFFFF : 0x7FF;
-    unsigned long long seq = 0, sent = 0, sent_before = 0;
+    unsigned long long seq = 0, sent = 0, sent_before = 0, refused = 0;
     uint64_t start = MonoUs(), next_rate = start + 1000000;
     const uint64_t gap_us = static_cast<uint64_t>(gap_ms * 1000);
     uint64_t due = start;
@@ -133,9 +137,13 @@ int RunGen(int argc, char** argv) {
                           : data.kind == 'i' ? static_cast<unsigned char>(n >> (8 * b)) : static_cast<unsigned char>(rng());
             }
         }
-        unsigned took = VCI_Transmit(kDevType, common.dev, ch, batch, static_cast<unsigned>(want));
-        if (took > want) took = 0;
-        // What the adapter refused is generated again: the sequence goes on from what it took.
+        // What the adapter refused is offered again: the sequence goes on from what it took.
+        unsigned took = 0;
+        if (!adapter.Offer(ch, batch, static_cast<unsigned>(want), &took)) {
+            // Refused for a second: what this offer held, or with -n every frame still to go.
+            if (!Stopping() && !adapter.gone()) refused = count ? count - sent : want;
+            break;
+        }
         seq += took;
         sent += took;
         uint64_t now = MonoUs();
@@ -145,15 +153,15 @@ int RunGen(int argc, char** argv) {
             sent_before = sent;
             next_rate = now + 1000000;
         }
-        // The adapter's buffer is full: let the bus drain it.
-        if (took < want && !adapter.Pause(now + 1000)) break;
         if (took == want && gap_us && !adapter.Pause(due += gap_us)) break;
     }
-    // With a count, the last frames are waited for: they leave the adapter before it is reset.
-    bool left = adapter.gone() || count == 0 || adapter.WaitSent(ch);
-    if (!left && !adapter.gone()) Complain("frames on channel %u did not leave the adapter within a second", ch);
-    Say("vexlo gen: can%u: %llu frames sent", ch, sent);
-    return left && !adapter.gone() ? kExitOk : kExitFail;
+    // The last frames are waited for: they leave the adapter before it is reset.
+    bool left = refused == 0 && !adapter.gone() && adapter.WaitSent(ch);
+    if (!left && refused == 0 && adapter.Present())
+        Complain("frames on channel %u did not leave the adapter within a second %s", ch, kAckHint);
+    if (refused) Say("vexlo gen: can%u: %llu frames sent, %llu refused", ch, sent, refused);
+    else Say("vexlo gen: can%u: %llu frames sent", ch, sent);
+    return left && sent > 0 ? kExitOk : kExitFail;
 }
 
 }  // namespace vexlo_tool

@@ -34,7 +34,8 @@ int RunInfo(int argc, char** argv) {
     if (status != kExitOk) return status;
     CAN_INFO info;
     std::memset(&info, 0, sizeof(info));
-    if (!VCI_ReadBoardInfo(kDevType, common.dev, &info)) {
+    if (!adapter.BoardInfo(&info)) {
+        if (adapter.gone()) return kExitFail;
         Complain("cannot read the board information of adapter %u", common.dev);
         return kExitFail;
     }
@@ -51,7 +52,8 @@ int RunInfo(int argc, char** argv) {
     for (unsigned ch = 0; ch < channels; ++ch) {
         CAN_STAT st;
         std::memset(&st, 0, sizeof(st));
-        if (!VCI_ReadCANStatus(kDevType, common.dev, ch, &st)) {
+        if (!adapter.Status(ch, &st)) {
+            if (adapter.gone()) return kExitFail;
             std::fprintf(out, "channel %u: status unreadable\n", ch);
             status = kExitFail;
             continue;

@@ -24,7 +24,8 @@ const char kUsage[] =
     "channel whose name ends in 0 or 1 (can0, vcan1) goes to that channel unless -m maps channels;\n"
     "with -m only the mapped log channels are played. Bad lines are refused, with the file and\n"
     "line number, before anything is sent; so is a log without frames to play. Error frames in\n"
-    "the log are skipped.\n"
+    "the log are skipped. Exit status 1 when the adapter refuses every frame for a second or the\n"
+    "last frames do not leave it within a second (no other node acknowledges them).\n"
     "\n"
     "options:\n"
     "  -t              ignore the time stamps: send as fast as possible\n"
@@ -37,18 +38,6 @@ struct Item {
     unsigned ch;
     CAN_OBJ frame;
 };
-
-// Offers one frame until the adapter takes it; false on a stop, an unplug or after a second of
-// refusals.
-bool SendOne(XAdapter* adapter, unsigned ch, CAN_OBJ* f) {
-    uint64_t until = MonoUs() + 1000000;
-    while (!Stopping()) {
-        unsigned n = VCI_Transmit(kDevType, adapter->dev(), ch, f, 1);
-        if (n == 1) return true;
-        if (MonoUs() >= until || !adapter->Pause(MonoUs() + 500)) return false;
-    }
-    return false;
-}
 
 }  // namespace
 
@@ -154,9 +143,13 @@ int RunPlay(int argc, char** argv) {
             uint64_t base = items[0].time_us;
             if (!no_timing && !adapter.Pause(start + (it.time_us > base ? it.time_us - base : 0))) return kExitFail;
             if (Stopping()) break;
-            if (!SendOne(&adapter, it.ch, &it.frame)) {
-                if (!Stopping() && adapter.Present())
-                    Complain("the adapter refused a frame for a second: stopped after %llu frames", played);
+            unsigned took = 0;
+            if (!adapter.Offer(it.ch, &it.frame, 1, &took)) {
+                if (Stopping()) break;
+                if (adapter.Present() && loops > 0)
+                    Complain("stopped after %llu of %.0f frames", played, static_cast<double>(items.size()) * loops);
+                else if (adapter.Present())
+                    Complain("stopped after %llu frames", played);
                 return kExitFail;
             }
             ++played;
@@ -165,7 +158,8 @@ int RunPlay(int argc, char** argv) {
     // Let the last frames leave the adapter before the channels are reset.
     for (unsigned ch = 0; ch < 2; ++ch) {
         if (used[ch] && !adapter.WaitSent(ch)) {
-            if (adapter.Present()) Complain("frames on channel %u did not leave the adapter within a second", ch);
+            if (adapter.Present())
+                Complain("frames on channel %u did not leave the adapter within a second %s", ch, kAckHint);
             return kExitFail;
         }
     }

@@ -22,8 +22,6 @@ const char kUsage[] =
     "adapter did not take every frame, or they could not leave it within a second.\n"
     "\n";
 
-const uint64_t kPatienceUs = 1000000;  // how long the adapter may refuse frames or keep them
-
 }  // namespace
 
 int RunSend(int argc, char** argv) {
@@ -56,21 +54,15 @@ int RunSend(int argc, char** argv) {
     if (!adapter.Start(ch)) return kExitFail;
     // The adapter holds a few frames at a time: what it refuses is offered again as it sends.
     size_t sent = 0;
-    uint64_t until = MonoUs() + kPatienceUs;
-    while (sent < frames.size() && !Stopping() && MonoUs() < until) {
-        unsigned n = VCI_Transmit(kDevType, common.dev, ch, &frames[sent], static_cast<unsigned>(frames.size() - sent));
-        if (n > frames.size() - sent) n = 0;
-        if (n > 0) until = MonoUs() + kPatienceUs;
-        else if (!adapter.Pause(MonoUs() + 2000)) return kExitFail;
-        sent += n;
-    }
+    for (unsigned n = 0; sent < frames.size(); sent += n)
+        if (!adapter.Offer(ch, &frames[sent], static_cast<unsigned>(frames.size() - sent), &n)) break;
     if (sent < frames.size()) {
-        if (adapter.Present()) Complain("the adapter took %zu of %zu frames", sent, frames.size());
+        if (!Stopping() && adapter.Present()) Complain("the adapter took %zu of %zu frames", sent, frames.size());
         return kExitFail;
     }
     if (!adapter.WaitSent(ch)) {
         if (adapter.Present())
-            Complain("the frames did not leave the adapter within a second (is another node acknowledging?)");
+            Complain("the frames did not leave the adapter within a second %s", kAckHint);
         return kExitFail;
     }
     return kExitOk;

@@ -11,6 +11,7 @@
 #include "Process.h"
 #include "Server.h"
 #include "SlcanLine.h"
+#include "SocketCanLink.h"
 
 namespace vexlo_tool {
 
@@ -19,13 +20,19 @@ namespace {
 const char kUsage[] =
     "usage: vexlo serve [OPTIONS]\n"
     "\n"
-    "Opens the adapter, starts both channels and serves them as the buses can0 and can1 over the\n"
-    "socketcand protocol (TCP; raw, BCM and control modes), for example to python-can's\n"
+    "Opens the adapter, starts both channels and serves them: as Linux CAN interfaces for every\n"
+    "SocketCAN program (--socketcan), and as the buses can0 and can1 over the socketcand protocol\n"
+    "(TCP; raw, BCM and control modes), for example to python-can's\n"
     "can.Bus(interface=\"socketcand\", host=HOST, port=29536, channel=\"can0\"). Every client of a bus\n"
     "sees every frame of the bus and the frames the other clients send. Runs until Ctrl-C or SIGTERM;\n"
-    "an unplugged adapter closes its clients and is opened again as soon as it is back.\n"
+    "an unplugged adapter closes its clients (CAN interfaces stay) and is served again as soon as it\n"
+    "is back.\n"
     "\n"
     "options (the common -b and --btr set both channels):\n"
+    "  --socketcan IFACE=CH  carry channel CH (0 or 1) on the Linux CAN interface IFACE, a vcan or one\n"
+    "                        end of a vxcan pair, for every SocketCAN program (candump, python-can's\n"
+    "                        socketcan interface, Wireshark); a missing IFACE is made as a vcan when\n"
+    "                        the server may (CAP_NET_ADMIN) and removed when it stops; repeatable\n"
     "  --listen ADDR:PORT    where to listen, repeatable (default 127.0.0.1:29536; 0.0.0.0:29536:\n"
     "                        every IPv4 network; [::]:29536 IPv6)\n"
     "  --bus-names N0,N1     the names of the two buses (default can0,can1)\n"
@@ -54,7 +61,7 @@ bool BusNames(const std::string& text, std::vector<std::string>* names) {
 }  // namespace
 
 int RunServe(int argc, char** argv) {
-    enum { kListen = 0x200, kBusNames, kAllow, kMaxClients, kBeacon, kNoBeacon, kSlcan, kSlcanTcp };
+    enum { kListen = 0x200, kBusNames, kAllow, kMaxClients, kBeacon, kNoBeacon, kSlcan, kSlcanTcp, kSocketCan };
     static const option kOptions[] = {{"listen", required_argument, nullptr, kListen},
                                       {"bus-names", required_argument, nullptr, kBusNames},
                                       {"allow", required_argument, nullptr, kAllow},
@@ -63,6 +70,7 @@ int RunServe(int argc, char** argv) {
                                       {"no-beacon", no_argument, nullptr, kNoBeacon},
                                       {"slcan", required_argument, nullptr, kSlcan},
                                       {"slcan-tcp", required_argument, nullptr, kSlcanTcp},
+                                      {"socketcan", required_argument, nullptr, kSocketCan},
                                       {nullptr, 0, nullptr, 0}};
     vexlo_serve::XServeOptions o;
     OwnOptions own = {"", kOptions, [&o](int code, const char* value) {
@@ -110,6 +118,21 @@ int RunServe(int argc, char** argv) {
                                   break;
                               }
                               (code == kSlcan ? o.slcan : o.slcan_tcp).emplace_back(where, bus);
+                              return true;
+                          }
+                          case kSocketCan: {
+                              std::string iface;
+                              unsigned bus = 0;
+                              if (!vexlo_serve::ParseSocketCanOption(arg, &iface, &bus)) {
+                                  error = "bad CAN interface '" + arg + "' (IFACE=CH: an interface name of 1 to 15 characters, CH 0 or 1)";
+                                  break;
+                              }
+                              // One interface, one channel: two links on one interface would carry each
+                              // other's frames round the bus without end.
+                              for (const auto& link : o.socketcan)
+                                  if (link.first == iface) error = "CAN interface " + iface + " given twice";
+                              if (!error.empty()) break;
+                              o.socketcan.emplace_back(iface, bus);
                               return true;
                           }
                           default:

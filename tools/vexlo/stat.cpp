@@ -26,15 +26,15 @@ const char kUsage[] =
 const char* const kNotices[] = {"data overrun", "error warning", "error passive", "arbitration lost", "bus error"};
 
 // The bus timing bytes as the controller holds them (registers 6 and 7) and what they give.
-std::string TimingText(unsigned dev, unsigned ch) {
-    unsigned char reg[2][4] = {{6}, {7}};
+std::string TimingText(XAdapter* adapter, unsigned ch) {
+    unsigned char btr0 = 0, btr1 = 0;
     unsigned rate = 0, sample = 0;
-    if (!VCI_GetReference(kDevType, dev, ch, 1, reg[0]) || !VCI_GetReference(kDevType, dev, ch, 1, reg[1]) ||
-        !vexlo_rate_for_timing(reg[0][0], reg[1][0], &rate, &sample))
+    if (!adapter->Register(ch, 6, &btr0) || !adapter->Register(ch, 7, &btr1) ||
+        !vexlo_rate_for_timing(btr0, btr1, &rate, &sample))
         return "unreadable";
     char text[80];
-    std::snprintf(text, sizeof(text), "%02X:%02X, %u bit/s, sample point %u.%u%%", reg[0][0], reg[1][0], rate,
-                  sample / 10, sample % 10);
+    std::snprintf(text, sizeof(text), "%02X:%02X, %u bit/s, sample point %u.%u%%", btr0, btr1, rate, sample / 10,
+                  sample % 10);
     return text;
 }
 
@@ -45,8 +45,8 @@ bool Report(XAdapter* adapter, unsigned ch) {
     VEXLO_STATS stats;
     std::memset(&stats, 0, sizeof(stats));
     stats.size = sizeof(stats);
-    std::string timing = TimingText(dev, ch);
-    if (!VCI_ReadCANStatus(kDevType, dev, ch, &st) || !vexlo_get_stats(dev, ch, &stats)) {
+    std::string timing = TimingText(adapter, ch);
+    if (!adapter->Status(ch, &st) || !vexlo_get_stats(dev, ch, &stats)) {
         if (adapter->Present()) Complain("cannot read the status of channel %u", ch);
         return false;
     }

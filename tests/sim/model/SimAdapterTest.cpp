@@ -96,6 +96,13 @@ TEST(SimAdapterModel, unacknowledged_frame_leads_to_error_passive_not_bus_off) {
     EXPECT_EQ(count(kEvWarning), 1);
     EXPECT_EQ(count(kEvPassive), 1);
     EXPECT_EQ(count(kEvFrame), 0);
+    // The listener hears the sender's active error flag on each of the 16 tries up to error
+    // passive, as bus errors of its own, and nothing after.
+    EXPECT_EQ(std::count_if(recs.begin(), recs.end(),
+                            [](const SimRecord& r) { return r.event == kEvBusError && r.Channel() == 1; }),
+              16);
+    EXPECT_EQ(m.a.ch_[1].ReadReg(kRegErrCode), SimController::kAckFlagHeardCode);
+    EXPECT_EQ(m.a.ch_[1].rec_, 0);
     // Once a receiver acknowledges, the frame goes through and the counter comes down by one.
     m.Start(1, false);
     m.a.Advance(101 * kMs);

@@ -11,8 +11,11 @@ for sig in TERM HUP INT KILL; do
     "$sim" -- sh -c "$prog" &
     for i in $(seq 400); do [ -s "$pids" ] && break; sleep 0.05; done
     kill -$sig $! && wait $!
-    sleep 1
     [ -s "$pids" ] || { echo "SIG$sig: the program did not start"; exit 1; }
-    for p in $(cat "$pids"); do alive $p && { echo "SIG$sig: $p outlived vexlo-sim"; kill -KILL $p; exit 1; }; done
+    # A killed program ends soon after the signal, not at once: it may take up to 20 s to go.
+    for p in $(cat "$pids"); do
+        for i in $(seq 400); do alive $p || break; sleep 0.05; done
+        alive $p && { echo "SIG$sig: $p outlived vexlo-sim"; kill -KILL $p; exit 1; }
+    done
 done
 exit 0
