@@ -2,6 +2,7 @@
 import contextlib
 import os
 import re
+import statistics
 import signal
 import socket
 import subprocess
@@ -151,7 +152,10 @@ def test_bcm_cyclic_frames_subscriptions_and_statistics(server_factory):
     sender.sendall(b"< delete 123 >")
     while (m := counter.recv(0.2)) is not None:
         sent.append(m)
-    assert 98 <= len(sent) <= 102
+    # The job's period from the frames' own stamps (the adapter's acceptance), not from this
+    # reader's clock: a loaded machine delays the reader, not the schedule.
+    assert len(sent) >= 50
+    assert 0.009 <= statistics.median(b.timestamp - a.timestamp for a, b in zip(sent, sent[1:])) <= 0.011
     assert {fields(m) for m in sent} == {(0x123, b"\xAA\xBB")}
     # The watcher's subscription passes them all; its content filter only changes in the high nibble.
     for frame in ["321 1 01", "321 1 02", "321 1 12", "321 1 13", "321 1 F3", "322 3 01 AA 00", "322 3 01 AA 55",
