@@ -3,6 +3,8 @@
 // such a run mean nothing.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <cstring>
 
 inline bool& BenchShort() {
@@ -25,4 +27,11 @@ inline void TakeShortOption(int* argc, char** argv) {
     if (BenchShort()) argv[out++] = min_time;  // in the place --short took
     argv[out] = nullptr;
     *argc = out;
+}
+
+// The benchmark library's start with --short taken out first; false on an argument it does not know.
+inline bool BenchInit(int* argc, char** argv) {
+    TakeShortOption(argc, argv);
+    benchmark::Initialize(argc, argv);
+    return !benchmark::ReportUnrecognizedArguments(*argc, argv);
 }

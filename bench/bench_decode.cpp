@@ -98,9 +98,7 @@ static void BM_RecvWithDescriptor(benchmark::State& state) {
 BENCHMARK(BM_RecvWithDescriptor)->Arg(0)->Arg(1)->Arg(2)->UseManualTime();
 
 int main(int argc, char** argv) {
-    TakeShortOption(&argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!BenchInit(&argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -69,9 +69,7 @@ static void BM_FifoTwoThreadStream(benchmark::State& state) {
 BENCHMARK(BM_FifoTwoThreadStream)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 int main(int argc, char** argv) {
-    TakeShortOption(&argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!BenchInit(&argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

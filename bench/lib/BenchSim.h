@@ -57,9 +57,7 @@ static inline bool OpenAndStart() {
 
 // `add` registers the benchmarks whose settings depend on --short, when the options are known.
 static inline int BenchMain(int argc, char** argv, void (*add)() = nullptr) {
-    TakeShortOption(&argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!BenchInit(&argc, argv)) return 1;
     if (add) add();
     // The testbed comes before libusb's default context, which lives as long as the process.
     g_bed.reset(new vs::SimTestbed(1));

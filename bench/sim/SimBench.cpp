@@ -171,9 +171,7 @@ void BM_IdleEventLoop(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    TakeShortOption(&argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!BenchInit(&argc, argv)) return 1;
     benchmark::RegisterBenchmark("BM_CommandRoundTrip", BM_CommandRoundTrip)->MinTime(Span(2.0, 0.05))->UseRealTime();
     benchmark::RegisterBenchmark("BM_ReceiveBothChannelsAtCeiling", BM_ReceiveBothChannelsAtCeiling)
         ->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();

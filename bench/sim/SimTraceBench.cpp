@@ -46,9 +46,7 @@ static void BM_TraceToFile(benchmark::State& state) {
     state.counters["ratio_to_ceiling"] = static_cast<double>(lines) / secs / 42553.0;
 }
 int main(int argc, char** argv) {
-    TakeShortOption(&argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!BenchInit(&argc, argv)) return 1;
     benchmark::RegisterBenchmark("BM_TraceToFile", BM_TraceToFile)->MinTime(Span(2.0, 0.05))->UseRealTime();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

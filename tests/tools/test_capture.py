@@ -86,6 +86,12 @@ def test_extcap_says_when_another_program_holds_the_adapter(tmp_path):
     assert "vexlo-extcap: adapter 0 is in use by another program" in p.stderr
 
 
+def test_extcap_names_only_rates_that_exist_when_it_refuses_one(tmp_path):
+    p = subprocess.run([EXTCAP, "--capture", "--extcap-interface", "vexlo0can0", "--fifo", str(tmp_path / "f"),
+                        "--bitrate", "5"], capture_output=True, text=True, timeout=10)
+    assert p.stderr.endswith("nearest rates that work: 5000\n"), p.stderr
+
+
 def test_dump_capture_holds_the_generated_frames_with_the_text_times(tmp_path):
     p = sim(tmp_path, ["--uncabled", "-g", "0:1000:ext", "-g", "1:1000:dlc"],
             '"$VEXLO" dump -t a -n 200 -w d.pcap 0,1 > text && "$VEXLO" dump --nano -n 5 -w - 1 > n.pcap')

@@ -44,8 +44,8 @@ TEST(ServeCommand, parses_each_command_or_names_the_fault) {
         {" delete 00000012 ", "9 bus= id=12 ext=1 rtr=0 len=0 data=0000000000000000 us=0 mask=0:0000 ms=0"},
         {" subscribe 0 20000 321 ", "10 bus= id=321 ext=0 rtr=0 len=0 data=0000000000000000 us=20000 mask=0:0000 ms=0"},
         {" filter 0 0 321 2 F0 0F ", "12 bus= id=321 ext=0 rtr=0 len=0 data=0000000000000000 us=0 mask=2:F00F ms=0"},
-        {" statistics 250 ", "13 bus= id=0 ext=0 rtr=0 len=0 data=0000000000000000 us=0 mask=0:0000 ms=250"},
-        {" set_bitrate 500000 ", "14 bus= id=0 ext=0 rtr=0 len=0 data=0000000000000000 us=0 mask=0:0000 ms=0"},
+        {" statistics 250 ", "14 bus= id=0 ext=0 rtr=0 len=0 data=0000000000000000 us=0 mask=0:0000 ms=250"},
+        {" set_bitrate 500000 ", "15 bus= id=0 ext=0 rtr=0 len=0 data=0000000000000000 us=0 mask=0:0000 ms=0"},
         {"", "unknown command"},
         {" sendx 1 0 ", "unknown command"},
         {" open ", "wrong number of arguments"},
@@ -75,8 +75,8 @@ TEST(ServeCommand, reader_cuts_commands_and_refuses_long_ones) {
     } rows[] = {
         {"junk< hi >< a b ><", {" hi ", " a b "}},
         {"< half < open can0 >", {" open can0 "}},
-        {"<" + std::string(200, 'x') + ">", {std::string(200, 'x')}},
-        {"<" + std::string(201, 'x') + "> < echo >", {"!", " echo "}},
+        {"<" + std::string(XCommandReader::kMaxCommand, 'x') + ">", {std::string(XCommandReader::kMaxCommand, 'x')}},
+        {"<" + std::string(XCommandReader::kMaxCommand + 1, 'x') + "> < echo >", {"!", " echo "}},
     };
     for (const Row& r : rows) {
         XCommandReader reader;
@@ -121,12 +121,13 @@ TEST(ServeText, frames_remote_and_error_frames) {
 TEST(ServeAddress, networks_admit_their_addresses) {
     std::vector<XCidr> list;
     std::string error;
-    ASSERT_TRUE(ParseCidrList("192.168.1.0/23,10.1.2.3,fe80::/10", &list, &error));
+    ASSERT_TRUE(ParseCidrList("192.168.1.0/23,10.1.2.3,fe80::/10,::ffff:127.0.0.1", &list, &error));
     struct Row {
         const char* addr;
         bool in;
     } rows[] = {{"192.168.0.255", true}, {"192.168.2.0", false}, {"10.1.2.3", true}, {"10.1.2.4", false},
-                {"::ffff:192.168.1.7", true}, {"fe80::1", true}, {"fec0::1", false}};
+                {"::ffff:192.168.1.7", true}, {"fe80::1", true}, {"fec0::1", false}, {"127.0.0.1", true},
+                {"::ffff:127.0.0.1", true}, {"127.0.0.2", false}};
     for (const Row& r : rows) {
         sockaddr_storage ss{};
         if (std::strchr(r.addr, ':')) {

@@ -98,7 +98,7 @@ def test_busy_and_missing_adapters(tmp_path):
     ("stat -w 1e300 0", "86400"), ("stat -w 0.000000001 0", "0.1 to"), ("gen -n -1 0", "1 to 1000000000000"),
     ("play -l -1 one.log", "1 to 1000000"), ("dump -f '' 0", "an empty file name"),
     ("dump -f /nonexistent/x 0", "No such file"), ("play -m x=0 one.log", "log channel 'x'"),
-    ("send --listen-only 0 123#", "--listen-only")])
+    ("send --listen-only 0 123#", "--listen-only"), ("serve --slcan-tcp 99999=0", "bad port")])
 def test_nonsense_is_refused_before_the_adapter(tmp_path, args, words):
     (tmp_path / "one.log").write_text("(1.0) can0 123#11\n")
     p = subprocess.run([VEXLO, *shlex.split(args)], capture_output=True, text=True, timeout=10, cwd=tmp_path)

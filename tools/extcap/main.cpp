@@ -107,7 +107,11 @@ bool TimingFor(const std::string& text, CaptureRequest* req) {
     }
     unsigned below = 0, above = 0;
     if (vexlo_timing_for_rate(rate, &req->btr0, &req->btr1, &below, &above)) return true;
-    Complain("the controller cannot run at %u bit/s; nearest rates that work: %u and %u", rate, below, above);
+    // A side with no rate (0) is left out.
+    std::string near = below ? std::to_string(below) : "";
+    if (above) near += (near.empty() ? "" : " and ") + std::to_string(above);
+    Complain("the controller cannot run at %u bit/s; nearest rates that work: %s", rate,
+             near.empty() ? "none" : near.c_str());
     return false;
 }
 

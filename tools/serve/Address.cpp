@@ -88,20 +88,30 @@ static bool PrefixEqual(const unsigned char* a, const unsigned char* b, unsigned
 }
 
 bool CidrMatch(const std::vector<XCidr>& list, const sockaddr_storage& peer) {
+    // Everything is compared as IPv6, IPv4 as mapped into it (::ffff:a.b.c.d), so an IPv4 network
+    // admits its mapped peers and a mapped network its IPv4 peers.
+    static const unsigned char kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
     unsigned char a[16];
-    int family;
     if (peer.ss_family == AF_INET) {
-        family = AF_INET;
-        std::memcpy(a, &reinterpret_cast<const sockaddr_in*>(&peer)->sin_addr, 4);
+        std::memcpy(a, kMapped, 12);
+        std::memcpy(a + 12, &reinterpret_cast<const sockaddr_in*>(&peer)->sin_addr, 4);
     } else if (peer.ss_family == AF_INET6) {
-        const in6_addr& v6 = reinterpret_cast<const sockaddr_in6*>(&peer)->sin6_addr;
-        family = IN6_IS_ADDR_V4MAPPED(&v6) ? AF_INET : AF_INET6;
-        std::memcpy(a, family == AF_INET ? v6.s6_addr + 12 : v6.s6_addr, family == AF_INET ? 4 : 16);
+        std::memcpy(a, &reinterpret_cast<const sockaddr_in6*>(&peer)->sin6_addr, 16);
     } else {
         return false;
     }
-    for (const XCidr& c : list)
-        if (c.family == family && PrefixEqual(a, c.addr, c.bits)) return true;
+    for (const XCidr& c : list) {
+        unsigned char net[16];
+        unsigned bits = c.bits;
+        if (c.family == AF_INET) {
+            std::memcpy(net, kMapped, 12);
+            std::memcpy(net + 12, c.addr, 4);
+            bits += 96;
+        } else {
+            std::memcpy(net, c.addr, 16);
+        }
+        if (PrefixEqual(a, net, bits)) return true;
+    }
     return false;
 }
 

@@ -23,7 +23,9 @@ struct XCidr {
 };
 // Parses a comma-separated list. False with the bad item named in *error.
 bool ParseCidrList(const std::string& text, std::vector<XCidr>* out, std::string* error);
-// True when the address (IPv4, IPv6 or IPv4 mapped into IPv6) lies in one of the networks.
+// True when the address (IPv4, IPv6 or IPv4 mapped into IPv6) lies in one of the networks; an
+// IPv4 address and its mapped form (::ffff:10.1.2.3) are the same address, in a peer as in a
+// network.
 bool CidrMatch(const std::vector<XCidr>& list, const sockaddr_storage& peer);
 
 // "1.2.3.4:5678" or "[::1]:5678".

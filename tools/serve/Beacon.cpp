@@ -68,8 +68,7 @@ bool XBeacon::Start(XLoop* loop, const std::vector<sockaddr_in>& listening, cons
 }
 
 void XBeacon::Stop() {
-    if (timer_) loop_->Cancel(timer_);
-    timer_ = 0;
+    timer_.Cancel();
     if (sock_ >= 0) close(sock_);
     sock_ = -1;
 }
@@ -85,7 +84,7 @@ void XBeacon::SendTo(const sockaddr_in& to, uint32_t local, unsigned port) {
 }
 
 void XBeacon::Tick() {
-    timer_ = loop_->At(MonoUs() + kPeriodUs, [this] { Tick(); });
+    timer_.At(loop_, MonoUs() + kPeriodUs, [this] { Tick(); });
     for (const sockaddr_in& l : listening_) {
         unsigned port = ntohs(l.sin_port);
         if (has_target_) {

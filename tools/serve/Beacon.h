@@ -37,7 +37,7 @@ private:
 
     XLoop* loop_ = nullptr;
     int sock_ = -1;
-    uint64_t timer_ = 0;
+    XTimer timer_;
     std::vector<sockaddr_in> listening_;
     bool has_target_ = false;
     sockaddr_in target_{};

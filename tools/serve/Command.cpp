@@ -104,6 +104,43 @@ bool Bytes(const std::vector<std::string>& tokens, size_t at, unsigned char* out
     return true;
 }
 
+// A decimal of the bus configuration commands: negative values, which leave a setting alone,
+// give 0.
+bool Setting(const std::string& t, unsigned* value) {
+    uint64_t v = 0;
+    if (!t.empty() && t[0] == '-') {
+        if (!Decimal(t.substr(1), 0xFFFFFFFF, &v)) return false;
+        *value = 0;
+        return true;
+    }
+    if (!Decimal(t, 0xFFFFFFFF, &v)) return false;
+    *value = static_cast<unsigned>(v);
+    return true;
+}
+
+// "< BUS B bitrate sample_point tq prop_seg phase_seg1 phase_seg2 sjw brp >" or
+// "< BUS C listen_only loopback three_samples >".
+bool BusSetting(const std::vector<std::string>& t, XCommand* cmd, std::string* error) {
+    bool timing = t[1] == "B";
+    if (t.size() != (timing ? 10u : 5u)) {
+        *error = "wrong number of arguments";
+        return false;
+    }
+    if (t[0].size() > 16) {
+        *error = "bus name longer than 16 characters";
+        return false;
+    }
+    for (size_t i = 2; i < t.size(); ++i) {
+        if (!Setting(t[i], &cmd->values[i - 2]) || (!timing && cmd->values[i - 2] > 1)) {
+            *error = timing ? "bad bit timing value" : "bad mode value (0 or 1)";
+            return false;
+        }
+    }
+    cmd->kind = timing ? XCommand::kBusTiming : XCommand::kBusMode;
+    cmd->bus = t[0];
+    return true;
+}
+
 bool Interval(const std::vector<std::string>& tokens, uint64_t* us, std::string* error) {
     uint64_t sec = 0, usec = 0;
     if (!Decimal(tokens[1], 4000000, &sec) || !Decimal(tokens[2], 999999, &usec)) {
@@ -174,7 +211,8 @@ bool ParseCommand(const std::string& text, XCommand* cmd, std::string* error) {
                                     {"sendrtr", XCommand::kSend, 3},        {"add", XCommand::kAdd, 0},
                                     {"update", XCommand::kUpdate, 0},       {"delete", XCommand::kDelete, 2},
                                     {"subscribe", XCommand::kSubscribe, 4}, {"unsubscribe", XCommand::kUnsubscribe, 2},
-                                    {"filter", XCommand::kFilter, 0},       {"statistics", XCommand::kStatistics, 2}};
+                                    {"filter", XCommand::kFilter, 0},       {"statistics", XCommand::kStatistics, 2},
+                                    {"muxfilter", XCommand::kMuxFilter, 0}};
     const Shape* shape = nullptr;
     for (const Shape& s : kShapes)
         if (name == s.name) shape = &s;
@@ -183,10 +221,11 @@ bool ParseCommand(const std::string& text, XCommand* cmd, std::string* error) {
             cmd->kind = XCommand::kBitTiming;
             return true;
         }
+        if (n >= 2 && (t[1] == "B" || t[1] == "C")) return BusSetting(t, cmd, error);
         *error = "unknown command";
         return false;
     }
-    static const size_t kLeast[] = {2, 3, 3, 5, 3, 2, 4, 2, 5, 2};  // fewest tokens, by kShapes order
+    static const size_t kLeast[] = {2, 3, 3, 5, 3, 2, 4, 2, 5, 2, 5};  // fewest tokens, by kShapes order
     size_t least = kLeast[shape - kShapes];
     if ((shape->tokens && n != shape->tokens) || n < least) {
         *error = "wrong number of arguments";
@@ -215,6 +254,28 @@ bool ParseCommand(const std::string& text, XCommand* cmd, std::string* error) {
     case XCommand::kFilter:
         return Interval(t, &cmd->interval_us, error) && Id(t[3], &cmd->id, &cmd->extended, error) &&
                Bytes(t, 4, cmd->mask, &cmd->mask_len, error);
+    case XCommand::kMuxFilter: {
+        uint64_t rows = 0;
+        if (!Interval(t, &cmd->interval_us, error) || !Id(t[3], &cmd->id, &cmd->extended, error)) return false;
+        if (!Decimal(t[4], 257, &rows) || rows < 2) {
+            *error = "bad number of rows (2 to 257)";
+            return false;
+        }
+        if (n - 5 != rows * 8) {
+            *error = "the number of data bytes differs from 8 per row";
+            return false;
+        }
+        cmd->rows.resize(n - 5);
+        for (size_t i = 5; i < n; ++i) {
+            unsigned b = 0;
+            if (!Hex(t[i], 2, &b)) {
+                *error = "bad data byte";
+                return false;
+            }
+            cmd->rows[i - 5] = static_cast<unsigned char>(b);
+        }
+        return true;
+    }
     case XCommand::kStatistics: {
         uint64_t ms = 0;
         if (!Decimal(t[1], 86400000, &ms)) {

@@ -8,14 +8,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "BusSetup.h"
+
 namespace vexlo_serve {
 
-namespace {
-// How long a closing connection waits for the client to take the last answer.
-const uint64_t kLingerUs = 2000000;
-}  // namespace
-
-XConnection::XConnection(XLoop* loop, XHub* hub, const std::vector<std::string>* bus_names, int fd, std::string peer,
+XConnection::XConnection(XLoop* loop, XHubAccess* hub, const std::vector<std::string>* bus_names, int fd, std::string peer,
                          std::function<void(XConnection*)> done)
     : loop_(loop), hub_(hub), bus_names_(bus_names), fd_(fd), peer_(std::move(peer)), done_(std::move(done)),
       out_(kOutLimit) {
@@ -26,11 +23,6 @@ XConnection::~XConnection() {
     if (!destroyed_) {
         // The server stops: no answer, no linger.
         hub_->Leave(this);
-        bcm_.Stop(this);
-        control_.Stop(this);
-        raw_.Leave(this);
-        if (loss_timer_) loop_->Cancel(loss_timer_);
-        if (linger_) loop_->Cancel(linger_);
         loop_->Forget(fd_);
         close(fd_);
     }
@@ -46,7 +38,8 @@ void XConnection::Begin() {
 void XConnection::UpdateWatch() {
     if (destroyed_) return;
     uint32_t events = 0;
-    if (closing_ || (!waiting_ && out_.size() < kOutLimit)) events |= EPOLLIN;
+    // Closing, the client's bytes are read and dropped until its end.
+    if (closing_ ? !peer_done_ : !waiting_ && out_.size() < kOutLimit) events |= EPOLLIN;
     if (!out_.empty() && !(hold_ && !closing_)) events |= EPOLLOUT;
     if (events != watched_) {
         watched_ = events;
@@ -73,20 +66,19 @@ void XConnection::Emit(const VEXLO_FRAME& f) {
     size_t n = FormatEvent(f, text_);
     if (!out_.Append(text_, n)) {
         ++lost_;
-        if (!loss_timer_) {
+        if (!loss_timer_.pending()) {
             std::fprintf(stderr, "vexlo: client %s reads too slowly: frames dropped\n", peer_.c_str());
-            loss_timer_ = loop_->At(MonoUs() + 1000000, [this] { ReportLoss(); });
+            loss_timer_.At(loop_, MonoUs() + 1000000, [this] { ReportLoss(); });
         }
     }
 }
 
 void XConnection::ReportLoss() {
-    loss_timer_ = 0;
     if (lost_ == lost_reported_) return;
     std::fprintf(stderr, "vexlo: client %s: %llu frames dropped in the last second, %llu in all\n", peer_.c_str(),
                  static_cast<unsigned long long>(lost_ - lost_reported_), static_cast<unsigned long long>(lost_));
     lost_reported_ = lost_;
-    loss_timer_ = loop_->At(MonoUs() + 1000000, [this] { ReportLoss(); });
+    loss_timer_.At(loop_, MonoUs() + 1000000, [this] { ReportLoss(); });
 }
 
 void XConnection::Flush() {
@@ -101,19 +93,19 @@ void XConnection::Flush() {
 
 bool XConnection::Send(const CAN_OBJ& frame, bool retry_when_full) {
     switch (hub_->Send(this, frame)) {
-    case XHub::kQueued:
+    case XHubAccess::kQueued:
         return true;
-    case XHub::kFull:
+    case XHubAccess::kFull:
         if (retry_when_full) {
             waiting_ = true;
             retry_ = frame;
             UpdateWatch();
         }
         return true;
-    case XHub::kListenOnly:
-        Error("the server is listen-only");
+    case XHubAccess::kListenOnly:
+        Error(hub_->listen_only() ? "the server is listen-only" : "the bus is listen-only");
         return false;
-    case XHub::kNotJoined:
+    case XHubAccess::kNotJoined:
         break;
     }
     Error("no bus open");
@@ -142,23 +134,38 @@ void XConnection::OnGone() { Close("adapter unplugged", "adapter unplugged"); }
 
 void XConnection::OnEvents(uint32_t events) {
     if ((events & EPOLLOUT) && !hold_) {
+        size_t before = out_.size();
         if (!out_.WriteTo(fd_)) {
             Destroy();
             return;
         }
-        if (closing_ && out_.empty()) shutdown(fd_, SHUT_WR);
+        // Progress while closing: wait again for the rest.
+        if (closing_ && out_.size() < before) Linger();
+        if (destroyed_) return;
     }
-    if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) ReadInput();
+    if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) ReadInput(events);
     UpdateWatch();
 }
 
-void XConnection::ReadInput() {
+void XConnection::ReadInput(uint32_t events) {
+    // Input waits for the hub: nothing more is read until it has been taken.
+    bool waits = input_pos_ < input_.size() && !closing_;
+    ssize_t n = -1;
     char buf[4096];
-    ssize_t n = recv(fd_, buf, sizeof(buf), MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (n <= 0) {
-        if (!closing_) Close("closed by the client");
+    if (!waits) n = recv(fd_, buf, sizeof(buf), MSG_DONTWAIT);
+    if (n < 0 && !waits && errno != EAGAIN && errno != EINTR) events |= EPOLLERR;
+    // Both directions closed, or reset (a client that closes with input unread): nothing more
+    // reaches the client.
+    if (events & (EPOLLHUP | EPOLLERR)) {
+        if (!closing_) Finish("closed by the client");
         Destroy();
+        return;
+    }
+    if (n < 0) return;
+    if (n == 0) {
+        peer_done_ = true;
+        if (!closing_) Close("closed by the client");
+        else Linger();
         return;
     }
     if (closing_) return;  // the rest of what the client says is not read any more
@@ -191,6 +198,11 @@ void XConnection::Handle(const XCommand& cmd) {
         Reply("< echo >");
         return;
     }
+    if (cmd.kind == XCommand::kBusTiming || cmd.kind == XCommand::kBusMode) {
+        if (mode_ != kNoBus) Error("a bus is configured before it is opened");
+        else ConfigureBus(cmd);
+        return;
+    }
     if (mode_ == kNoBus) {
         if (cmd.kind != XCommand::kOpen) {
             Error("no bus open");
@@ -220,7 +232,7 @@ void XConnection::Handle(const XCommand& cmd) {
         control_.Stop(this);
         mode_ = cmd.kind == XCommand::kRawMode ? kRaw : cmd.kind == XCommand::kBcmMode ? kBcm : kControl;
         Reply("< ok >");
-        if (mode_ == kRaw) raw_.Enter(this);
+        if (mode_ == kRaw && !closing_ && !destroyed_) raw_.Enter(this);
         return;
     case XCommand::kIsotpMode:
         Error("isotp mode is not supported");
@@ -242,11 +254,49 @@ void XConnection::Handle(const XCommand& cmd) {
     }
 }
 
+void XConnection::ConfigureBus(const XCommand& cmd) {
+    unsigned bus = 0;
+    while (bus < bus_names_->size() && (*bus_names_)[bus] != cmd.bus) ++bus;
+    if (bus == bus_names_->size()) {
+        Error("no bus named " + cmd.bus);
+        return;
+    }
+    CAN_INIT init = hub_->Config(bus);
+    std::string error;
+    if (!(cmd.kind == XCommand::kBusTiming ? BusTiming(cmd, &init, &error) : BusMode(cmd, &init, &error))) {
+        Error(error);
+        return;
+    }
+    if (hub_->listen_only() && !init.ListenOnly) {
+        Error("the server is listen-only");
+        return;
+    }
+    // A change of what other clients use needs them gone, as on a kernel's interface.
+    if (!hub_->present()) Error("adapter unplugged");
+    else if (hub_->Busy(this, bus)) Error("the bus is in use by another client");
+    else if (!hub_->Configure(this, bus, init)) Error("the adapter refused the configuration");
+    else {
+        unsigned rate = 0, sample = 0;
+        vexlo_rate_for_timing(init.BusTiming0, init.BusTiming1, &rate, &sample);
+        std::fprintf(stderr, "vexlo: client %s set %s: %u bit/s, sample point %u.%u%% (timing %02X:%02X)%s\n",
+                     peer_.c_str(), cmd.bus.c_str(), rate, sample / 10, sample % 10, init.BusTiming0, init.BusTiming1,
+                     init.ListenOnly ? ", listen-only" : "");
+        Reply("< ok >");
+    }
+}
+
 void XConnection::Close(const std::string& why, const std::string& error) {
     if (closing_ || destroyed_) return;
     if (!error.empty()) Error(error);
+    if (destroyed_) return;  // the answer found the client gone
+    Finish(why);
+    Linger();
+}
+
+void XConnection::Finish(const std::string& why) {
     closing_ = true;
-    hub_->Leave(this);
+    // The client's frames still go out; it gets nothing more from the hub.
+    hub_->Release(this);
     bcm_.Stop(this);
     control_.Stop(this);
     raw_.Leave(this);
@@ -254,23 +304,31 @@ void XConnection::Close(const std::string& why, const std::string& error) {
     std::string bus = bus_ >= 0 ? (*bus_names_)[static_cast<size_t>(bus_)] + ", " : std::string();
     std::fprintf(stderr, "vexlo: client %s disconnected (%s%s%llu frames dropped)\n", peer_.c_str(), why.c_str(),
                  (", " + bus).c_str(), static_cast<unsigned long long>(lost_));
-    if (loss_timer_) loop_->Cancel(loss_timer_);
-    loss_timer_ = 0;
-    // The last answer goes out, then the client's end is waited for, briefly.
-    if (out_.WriteTo(fd_) && out_.empty()) shutdown(fd_, SHUT_WR);
-    linger_ = loop_->At(MonoUs() + kLingerUs, [this] {
-        linger_ = 0;
+    loss_timer_.Cancel();
+}
+
+void XConnection::Linger() {
+    if (!out_.WriteTo(fd_)) {
         Destroy();
-    });
+        return;
+    }
+    if (out_.empty()) {
+        if (peer_done_) {
+            Destroy();
+            return;
+        }
+        if (!shut_) shutdown(fd_, SHUT_WR);
+        shut_ = true;
+    }
+    linger_.At(loop_, MonoUs() + kLingerUs, [this] { Destroy(); });
     UpdateWatch();
 }
 
 void XConnection::Destroy() {
     if (destroyed_) return;
-    if (!closing_) Close("connection lost");
+    if (!closing_) Finish("connection lost");
     destroyed_ = true;
-    if (linger_) loop_->Cancel(linger_);
-    linger_ = 0;
+    linger_.Cancel();
     loop_->Forget(fd_);
     close(fd_);
     done_(this);

@@ -46,15 +46,16 @@ bool XHub::Start(std::string* why) {
     if (!OpenAdapter(why)) return false;
     ArmNotices();
     started_ = true;
-    tick_ = loop_->At(MonoUs() + 1000000, [this] { Tick(); });
+    tick_.At(loop_, MonoUs() + 1000000, [this] { Tick(); });
     return true;
 }
 
 void XHub::Stop() {
     if (!started_) return;
     started_ = false;
-    loop_->Cancel(tick_);
+    tick_.Cancel();
     members_.clear();
+    released_.clear();
     for (auto& o : order_) o.clear();
     CloseAdapter(false);
     if (closer_.joinable()) closer_.join();
@@ -88,22 +89,25 @@ void XHub::CloseAdapter(bool unplugged) {
     if (!open_) return;
     open_ = false;
     // No transmission may run while the adapter closes; frames still waiting are refused.
-    tx_.Pause();
+    tx_.Hold();
     tx_.DropWaiting();
     for (unsigned ch = 0; ch < kBuses; ++ch) {
         loop_->Forget(fds_[ch]);
         fds_[ch] = -1;
     }
-    // Closing resets both channels first; an unplugged adapter answers none of it, which takes
-    // seconds: the clients must not wait for that.
+    // Closing resets both channels first, after the transmission in progress has ended; an
+    // unplugged adapter answers none of it, and the transmission waits out its time: seconds the
+    // clients must not wait for.
     closed_ = false;
     unsigned dev = options_.dev;
     if (!unplugged) {
+        tx_.WaitIdle();
         VCI_CloseDevice(kDevType, dev);
         closed_ = true;
         return;
     }
     closer_ = std::thread([this, dev] {
+        tx_.WaitIdle();
         g_quiet = true;
         VCI_CloseDevice(kDevType, dev);
         g_quiet = false;
@@ -118,7 +122,7 @@ bool XHub::Configure(XHubClient* client, unsigned bus, const CAN_INIT& init) {
     // No transmission may run while the channel restarts.
     tx_.Pause();
     CAN_INIT wanted = init;
-    wanted.ListenOnly = config_[bus].ListenOnly;
+    if (options_.listen_only) wanted.ListenOnly = 1;
     VCI_ResetCAN(kDevType, options_.dev, bus);
     bool ok = VCI_InitCAN(kDevType, options_.dev, bus, &wanted) && VCI_StartCAN(kDevType, options_.dev, bus);
     if (ok) {
@@ -130,6 +134,13 @@ bool XHub::Configure(XHubClient* client, unsigned bus, const CAN_INIT& init) {
     }
     tx_.Resume(options_.dev);
     return ok;
+}
+
+bool XHub::Busy(const XHubClient* client, unsigned bus) const {
+    if (bus >= kBuses) return false;
+    for (const XHubClient* c : order_[bus])
+        if (c != client) return true;
+    return false;
 }
 
 bool XHub::Join(XHubClient* client, unsigned bus) {
@@ -151,10 +162,30 @@ void XHub::Leave(XHubClient* client) {
     members_.erase(it);
 }
 
+void XHub::Release(XHubClient* client) {
+    auto it = members_.find(client);
+    if (it == members_.end()) return;
+    uint64_t queue = it->second.queue;
+    if (tx_.Idle(queue)) {
+        Leave(client);
+        return;
+    }
+    if (released_.size() >= kReleased) {
+        std::fprintf(stderr, "vexlo: the last frames of a closed client were dropped: those of %u others still wait\n",
+                     kReleased);
+        Leave(client);
+        return;
+    }
+    auto& o = order_[it->second.bus];
+    o.erase(std::remove(o.begin(), o.end(), client), o.end());
+    members_.erase(it);
+    released_[queue] = 0;
+}
+
 XHub::SendResult XHub::Send(XHubClient* client, const CAN_OBJ& frame) {
     auto it = members_.find(client);
     if (it == members_.end() || !open_) return kNotJoined;
-    if (options_.listen_only) return kListenOnly;
+    if (config_[it->second.bus].ListenOnly) return kListenOnly;
     if (!tx_.Push(it->second.queue, it->second.bus, frame)) {
         it->second.full = true;
         return kFull;
@@ -210,7 +241,22 @@ void XHub::Results() {
             Deliver(r.channel, &f, 1, sender);
         } else if (sender) {
             sender->OnRefused(r.frame);
+        } else {
+            auto rel = released_.find(r.queue);
+            if (rel != released_.end()) ++rel->second;
         }
+    }
+    // A released client's queue goes once its last frame has its result.
+    for (auto rel = released_.begin(); rel != released_.end();) {
+        if (!tx_.Idle(rel->first)) {
+            ++rel;
+            continue;
+        }
+        if (rel->second)
+            std::fprintf(stderr, "vexlo: %llu frames of a closed client were not taken by the adapter\n",
+                         static_cast<unsigned long long>(rel->second));
+        tx_.RemoveQueue(rel->first);
+        rel = released_.erase(rel);
     }
     // Room again for those that found their queue full.
     std::vector<XHubClient*> owed;
@@ -233,13 +279,15 @@ void XHub::Gone() {
         tx_.RemoveQueue(m.second.queue);
         clients.push_back(m.first);
     }
+    for (auto& rel : released_) tx_.RemoveQueue(rel.first);
+    released_.clear();
     members_.clear();
     for (auto& o : order_) o.clear();
     for (XHubClient* c : clients) c->OnGone();
 }
 
 void XHub::Tick() {
-    tick_ = loop_->At(MonoUs() + 1000000, [this] { Tick(); });
+    tick_.At(loop_, MonoUs() + 1000000, [this] { Tick(); });
     if (open_) {
         // The readiness descriptors turn readable at an unplug; this catches a quiet one too.
         if (vexlo_present(options_.dev) == VEXLO_GONE) Gone();

@@ -68,19 +68,21 @@ void XLoop::Forget(int fd) {
 
 uint64_t XLoop::At(uint64_t mono_us, Task task) {
     uint64_t id = next_timer_++;
-    timers_[id] = std::move(task);
+    timers_.emplace(id, Timer{mono_us, std::move(task)});
     due_.emplace(mono_us, id);
     ArmTimer();
     return id;
 }
 
 void XLoop::Cancel(uint64_t id) {
-    // The entry in due_ stays until its time and is skipped then.
-    timers_.erase(id);
+    auto t = timers_.find(id);
+    if (t == timers_.end()) return;
+    due_.erase(std::make_pair(t->second.due, id));
+    timers_.erase(t);
+    ArmTimer();
 }
 
 void XLoop::ArmTimer() {
-    while (!due_.empty() && !timers_.count(due_.begin()->second)) due_.erase(due_.begin());
     // 0 means "not armed": a task due at time 0 is armed for 1.
     uint64_t when = due_.empty() ? 0 : due_.begin()->first ? due_.begin()->first : 1;
     if (when == armed_) return;
@@ -105,35 +107,64 @@ void XLoop::RunTimers() {
         ready.push_back(due_.begin()->second);
         due_.erase(due_.begin());
     }
-    for (uint64_t id : ready) {
-        auto t = timers_.find(id);
-        if (t == timers_.end()) continue;
-        Task task = std::move(t->second);
-        timers_.erase(t);
-        task();
-    }
+    for (uint64_t id : ready) RunTimer(id);
     ArmTimer();
+}
+
+void XLoop::RunTimer(uint64_t id) {
+    auto t = timers_.find(id);
+    if (t == timers_.end()) return;  // cancelled by a task of this round
+    Task task = std::move(t->second.task);
+    timers_.erase(t);
+    task();
+}
+
+bool XLoop::RunEarliest() {
+    if (due_.empty()) return false;
+    uint64_t id = due_.begin()->second;
+    due_.erase(due_.begin());
+    RunTimer(id);
+    ArmTimer();
+    return true;
+}
+
+void XTimer::At(XLoop* loop, uint64_t mono_us, XLoop::Task task) {
+    Cancel();
+    loop_ = loop;
+    // The id is cleared before the task runs: the task may start this timer again or destroy it.
+    id_ = loop->At(mono_us, [this, task = std::move(task)] {
+        id_ = 0;
+        task();
+    });
+}
+
+void XTimer::Cancel() {
+    if (!id_) return;
+    loop_->Cancel(id_);
+    id_ = 0;
 }
 
 bool XLoop::Run() {
     stop_ = false;
+    while (!stop_)
+        if (!RunOnce(-1)) return false;
+    return true;
+}
+
+bool XLoop::RunOnce(int timeout_ms) {
     epoll_event events[64];
-    while (!stop_) {
-        int n = epoll_wait(epoll_, events, 64, -1);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
+    int n = epoll_wait(epoll_, events, 64, timeout_ms);
+    if (n < 0) return errno == EINTR;
+    for (int i = 0; i < n && !stop_; ++i) {
+        uint64_t key = events[i].data.u64;  // a copy: the kernel's structure is packed
+        if (key == 0) {
+            RunTimers();
+            continue;
         }
-        for (int i = 0; i < n && !stop_; ++i) {
-            if (events[i].data.u64 == 0) {
-                RunTimers();
-                continue;
-            }
-            auto e = entries_.find(events[i].data.u64);
-            if (e == entries_.end()) continue;  // forgotten earlier in this round
-            std::shared_ptr<Entry> entry = e->second;
-            entry->handler(events[i].events);
-        }
+        auto e = entries_.find(key);
+        if (e == entries_.end()) continue;  // forgotten earlier in this round
+        std::shared_ptr<Entry> entry = e->second;
+        entry->handler(events[i].events);
     }
     return true;
 }

@@ -14,8 +14,7 @@ void XRawMode::Enter(XConnection* c) {
     active_ = true;
     c->Flush();
     c->Hold(true);
-    release_ = c->loop()->At(MonoUs() + kAnswerAloneUs, [this, c] {
-        release_ = 0;
+    release_.At(c->loop(), MonoUs() + kAnswerAloneUs, [c] {
         c->Hold(false);
         c->Flush();
     });
@@ -24,9 +23,8 @@ void XRawMode::Enter(XConnection* c) {
 void XRawMode::Leave(XConnection* c) {
     if (!active_) return;
     active_ = false;
-    if (release_) {
-        c->loop()->Cancel(release_);
-        release_ = 0;
+    if (release_.pending()) {
+        release_.Cancel();
         c->Hold(false);
     }
 }

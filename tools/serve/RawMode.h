@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Loop.h"
 #include "vexlo_ext.h"
 
 namespace vexlo_serve {
@@ -20,7 +21,7 @@ public:
 
 private:
     bool active_ = false;
-    uint64_t release_ = 0;  // timer that lets the kept frames go
+    XTimer release_;  // lets the kept frames go
 };
 
 }  // namespace vexlo_serve

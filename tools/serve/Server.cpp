@@ -75,9 +75,8 @@ void XServer::Accept(int listener) {
                 // Out of descriptors: the waiting client stays in the backlog; try again shortly.
                 std::fprintf(stderr, "vexlo: cannot accept a client: %s\n", std::strerror(errno));
                 for (int l : listeners_) loop_.Change(l, 0);
-                if (!resume_accept_)
-                    resume_accept_ = loop_.At(MonoUs() + 100000, [this] {
-                        resume_accept_ = 0;
+                if (!resume_accept_.pending())
+                    resume_accept_.At(&loop_, MonoUs() + 100000, [this] {
                         for (int l : listeners_) loop_.Change(l, EPOLLIN);
                     });
             }
@@ -104,8 +103,12 @@ void XServer::Accept(int listener) {
         ++live_;
         auto conn = std::make_unique<XConnection>(&loop_, &hub_, &options_.bus_names, fd, who, [this](XConnection* c) {
             --live_;
-            // Freed once the current handler has returned.
-            loop_.At(0, [this, c] { conns_.erase(c); });
+            ended_.push_back(c);
+            if (!reap_.pending())
+                reap_.At(&loop_, 0, [this] {
+                    for (XConnection* e : ended_) conns_.erase(e);
+                    ended_.clear();
+                });
         });
         XConnection* c = conn.get();
         conns_[c] = std::move(conn);
@@ -129,20 +132,21 @@ int XServer::Run() {
     signals_ = signalfd(-1, &stops, SFD_NONBLOCK | SFD_CLOEXEC);
     loop_.Watch(signals_, EPOLLIN, [this](uint32_t) { loop_.Stop(); });
 
+    // Every port is taken before the adapter is touched.
     for (const std::string& where : options_.listen)
         if (!Listen(where)) return 1;
     std::string why;
-    if (!hub_.Start(&why)) {
-        std::fprintf(stderr, "vexlo: cannot open adapter %u: %s\n", options_.hub.dev, why.c_str());
-        return 1;
+    for (const auto& line : options_.slcan_tcp) {
+        slcan_ports_.push_back(std::make_unique<XSlcanTcp>(&loop_, &hub_, line.second, line.first, options_.allow));
+        if (!slcan_ports_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
     }
     for (const auto& line : options_.slcan) {
         slcan_ptys_.push_back(std::make_unique<XSlcanPty>(&loop_, &hub_, line.second, line.first));
         if (!slcan_ptys_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
     }
-    for (const auto& line : options_.slcan_tcp) {
-        slcan_ports_.push_back(std::make_unique<XSlcanTcp>(&loop_, &hub_, line.second, line.first, options_.allow));
-        if (!slcan_ports_.back()->Start(&why)) return std::fprintf(stderr, "vexlo: %s\n", why.c_str()), 1;
+    if (!hub_.Start(&why)) {
+        std::fprintf(stderr, "vexlo: cannot open adapter %u: %s\n", options_.hub.dev, why.c_str());
+        return 1;
     }
     for (const auto& link : options_.socketcan) {
         can_links_.push_back(std::make_unique<XSocketCanLink>(&loop_, &hub_, link.first, link.second));
@@ -155,10 +159,13 @@ int XServer::Run() {
     for (const std::string& at : options_.listen) where += (where.empty() ? "" : ", ") + at;
     std::fprintf(stderr, "vexlo: serving adapter %u as %s and %s on %s\n", options_.hub.dev,
                  options_.bus_names[0].c_str(), options_.bus_names[1].c_str(), where.c_str());
-    if (!options_.beacon_off &&
-        !beacon_.Start(&loop_, beacon_addrs_, options_.beacon_to ? &options_.beacon_target : nullptr,
-                       options_.bus_names, "vexlo adapter " + std::to_string(options_.hub.dev)))
+    if (options_.beacon_off) {
+    } else if (beacon_addrs_.empty()) {
+        std::fprintf(stderr, "vexlo: no beacon: it names an IPv4 address to connect to, and the server listens on none\n");
+    } else if (!beacon_.Start(&loop_, beacon_addrs_, options_.beacon_to ? &options_.beacon_target : nullptr,
+                              options_.bus_names, "vexlo adapter " + std::to_string(options_.hub.dev))) {
         std::fprintf(stderr, "vexlo: no beacon: %s\n", std::strerror(errno));
+    }
     int status = loop_.Run() ? 0 : 1;
     std::fprintf(stderr, "vexlo: stopping: %zu clients closed\n", live_);
     beacon_.Stop();

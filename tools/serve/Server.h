@@ -49,9 +49,11 @@ private:
     std::vector<int> listeners_;
     std::vector<sockaddr_in> beacon_addrs_;
     std::unordered_map<XConnection*, std::unique_ptr<XConnection>> conns_;
-    size_t live_ = 0;  // connections not yet closing
+    std::vector<XConnection*> ended_;  // freed once the handler that ended them has returned
+    XTimer reap_;
+    size_t live_ = 0;  // connections not yet ended
     int signals_ = -1;
-    uint64_t resume_accept_ = 0;
+    XTimer resume_accept_;
     std::vector<std::unique_ptr<XSlcanPty>> slcan_ptys_;
     std::vector<std::unique_ptr<XSlcanTcp>> slcan_ports_;
     std::vector<std::unique_ptr<XSocketCanLink>> can_links_;

@@ -168,7 +168,7 @@ bool XSlcanLine::Configure(const CAN_INIT& init) {
     bool ok = hub_->Configure(this, bus_, init);
     const char* refusal = ok ? nullptr
                         : !hub_->present()   ? ": refused, the adapter is gone"
-                        : hub_->clients(bus_) ? ": refused, another client uses the channel"
+                        : hub_->Busy(this, bus_) ? ": refused, another client uses the channel"
                                               : ": refused by the adapter";
     std::fprintf(stderr, "vexlo: channel %u %s %s: %u bit/s (timing %02X:%02X), acceptance code %08X mask %08X%s\n",
                  bus_, ok ? "set by" : "asked for by", name_.c_str(), rate, init.BusTiming0, init.BusTiming1,

@@ -99,9 +99,8 @@ bool XSocketCanLink::Attach(std::string* why) {
 void XSocketCanLink::Stop() {
     if (joined_) hub_->Leave(this);
     joined_ = false;
-    loop_->Cancel(retry_);
-    loop_->Cancel(report_);
-    retry_ = 0;
+    retry_.Cancel();
+    report_.Cancel();
     if (fd_ >= 0) {
         CountDrops();
         Report();
@@ -235,7 +234,7 @@ void XSocketCanLink::OnFrames(const VEXLO_FRAME* frames, unsigned count) {
             Later();
         }
     }
-    if (!out_.empty() && !retry_) retry_ = loop_->At(MonoUs() + kRetryUs, [this] { Flush(); });
+    if (!out_.empty() && !retry_.pending()) retry_.At(loop_, MonoUs() + kRetryUs, [this] { Flush(); });
 }
 
 bool XSocketCanLink::Write(const can_frame& frame) {
@@ -255,17 +254,15 @@ bool XSocketCanLink::Write(const can_frame& frame) {
 }
 
 void XSocketCanLink::Flush() {
-    retry_ = 0;
     while (!out_.empty() && Write(out_.front())) out_.pop_front();
-    if (!out_.empty()) retry_ = loop_->At(MonoUs() + kRetryUs, [this] { Flush(); });
+    if (!out_.empty()) retry_.At(loop_, MonoUs() + kRetryUs, [this] { Flush(); });
 }
 
 void XSocketCanLink::Later() {
-    if (!report_) report_ = loop_->At(MonoUs() + 1000000, [this] { Report(); });
+    if (!report_.pending()) report_.At(loop_, MonoUs() + 1000000, [this] { Report(); });
 }
 
 void XSocketCanLink::Report() {
-    report_ = 0;
     std::string unwritten = "of the bus not written there: " +
                             (write_error_ ? Errno(write_error_) : std::string("its socket took no more"));
     const std::pair<Count*, std::string> lines[] = {

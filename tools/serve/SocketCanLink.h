@@ -65,8 +65,8 @@ private:
     bool reading_ = false;
     std::deque<CAN_OBJ> held_;    // read from the interface, waiting for room in the hub
     std::deque<can_frame> out_;   // for the interface, waiting for its socket
-    uint64_t retry_ = 0;          // timer that writes out_ again
-    uint64_t report_ = 0;         // timer of the next line about losses
+    XTimer retry_;                // writes out_ again
+    XTimer report_;               // the next line about losses
     int write_error_ = 0;         // the last error of a write
     uint32_t kernel_drops_ = 0;   // the socket's count of frames the kernel dropped for it
     // What went where; each loss is logged once it grew, at most one line a second.

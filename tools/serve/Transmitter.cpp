@@ -40,9 +40,13 @@ void XTransmitter::Stop() {
     event_ = -1;
 }
 
-void XTransmitter::Pause() {
-    std::unique_lock<std::mutex> lock(mu_);
+void XTransmitter::Hold() {
+    std::lock_guard<std::mutex> lock(mu_);
     paused_ = true;
+}
+
+void XTransmitter::WaitIdle() {
+    std::unique_lock<std::mutex> lock(mu_);
     idle_.wait(lock, [this] { return !busy_; });
 }
 
@@ -81,6 +85,12 @@ void XTransmitter::RemoveQueue(uint64_t queue) {
     for (Result& r : results_)
         if (r.queue != queue) keep.push_back(r);
     results_.swap(keep);
+}
+
+bool XTransmitter::Idle(uint64_t queue) {
+    std::lock_guard<std::mutex> lock(mu_);
+    Queue* q = Find(queue);
+    return !q || q->held == 0;
 }
 
 bool XTransmitter::Push(uint64_t queue, unsigned channel, const CAN_OBJ& frame) {

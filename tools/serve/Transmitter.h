@@ -21,9 +21,13 @@ namespace vexlo_serve {
 // offered again once the bus has had time to drain it (the other queues go on meanwhile); a
 // queue whose frames the adapter has taken none of for a second has its waiting frames refused.
 //
-// Locking: one mutex guards the queues, the results and the pause state; VCI_Transmit runs
-// without it. Pause() returns once no VCI_Transmit runs and none will start until Resume(), so
-// the adapter may be closed meanwhile.
+// Locking: one mutex, mu_, guards the queues, the results and the pause state. It is the only
+// lock here and the innermost one: no VCI_* call runs while it is held and nothing else is locked
+// under it, so any thread may call in. The event loop's thread uses every call but WaitIdle and
+// never waits for the adapter: Hold() returns at once, and WaitIdle() (which waits out a
+// transmission in progress, up to the library's 2 s) belongs on a thread that may wait, such as
+// the one that closes an unplugged adapter. After Hold() and WaitIdle() no VCI_Transmit runs and
+// none starts until Resume(), so the adapter may be closed meanwhile.
 class XTransmitter {
 public:
     struct Result {
@@ -39,12 +43,21 @@ public:
     // Starts the thread (paused until Resume). False when the thread or eventfd cannot be made.
     bool Start();
     void Stop();
-    void Pause();
+    // No new VCI_Transmit starts until Resume; returns at once.
+    void Hold();
+    // Waits until no VCI_Transmit runs.
+    void WaitIdle();
+    void Pause() {
+        Hold();
+        WaitIdle();
+    }
     void Resume(unsigned dev);
 
     uint64_t AddQueue();
     // Drops the queue's waiting frames and its results still to come.
     void RemoveQueue(uint64_t queue);
+    // True when none of the queue's frames waits, is being sent or has a result not yet taken.
+    bool Idle(uint64_t queue);
     // Queues a frame for `channel`; false when the queue is full (or unknown).
     bool Push(uint64_t queue, unsigned channel, const CAN_OBJ& frame);
     // Drops every waiting frame: each comes back as a result not taken.

@@ -105,13 +105,20 @@ int RunServe(int argc, char** argv) {
                           case kSlcanTcp: {
                               std::string where;
                               unsigned bus = 0;
-                              if (vexlo_serve::ParseSlcanOption(arg, &where, &bus)) {
-                                  (code == kSlcan ? o.slcan : o.slcan_tcp).emplace_back(where, bus);
-                                  return true;
+                              if (!vexlo_serve::ParseSlcanOption(arg, &where, &bus)) {
+                                  error = "bad serial line '" + arg + "' (" + (code == kSlcan ? "LINK" : "[ADDR:]PORT") +
+                                          "=CH, CH 0 or 1)";
+                                  break;
                               }
-                              error = "bad serial line '" + arg + "' (" + (code == kSlcan ? "LINK" : "[ADDR:]PORT") +
-                                      "=CH, CH 0 or 1)";
-                              break;
+                              // A TCP line's address is checked here, like --listen's.
+                              if (code == kSlcanTcp &&
+                                  !vexlo_serve::ParseHostPort(where.find(':') == std::string::npos ? "127.0.0.1:" + where : where,
+                                                              0, &host, &port, &error)) {
+                                  error = "bad serial line '" + arg + "': " + error;
+                                  break;
+                              }
+                              (code == kSlcan ? o.slcan : o.slcan_tcp).emplace_back(where, bus);
+                              return true;
                           }
                           case kSocketCan: {
                               std::string iface;
