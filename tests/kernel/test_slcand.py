@@ -1,50 +1,21 @@
 """A serial line of vexlo serve, under the simulator, as the Linux kernel's slcan driver uses it: slcand
 attaches it as slcan0 and can-utils work on slcan0. Runs as root inside user-mode Linux (uml-run)."""
-import os
 import re
 import signal
 import socket
 import subprocess
-import time
 
-VEXLO, SIM, TMP = os.environ["VEXLO"], os.environ["VEXLO_SIM"], os.environ["TMPDIR"]
+from kernel_support import Server, candump, has_link, run, wait
+
 LINK = "/dev/ttyVEXLO0"
 # The frames both ways: standard, extended and remote, 0 to 8 bytes, as candump -L and cansend write them.
 FRAMES = ["123#", "7FF#DE", "000#0102030405060708", "1ABCDEF0#11223344", "00000001#A5", "1FFFFFFF#R", "456#R3",
           "321#0011223344556677", "12345678#AABBCCDDEEFF0011", "555#0102030405"]
 
 
-def sh(*cmd):
-    return subprocess.run(cmd, check=True, capture_output=True, text=True).stdout
-
-
-def wait(what, timeout=120):
-    end = time.time() + timeout
-    while not what():
-        assert time.time() < end, "timed out"
-        time.sleep(0.05)
-
-
-class Server:
-    """vexlo serve under vexlo-sim with the line at LINK on channel 0, and a TCP line on channel 1."""
-
-    def __init__(self, *sim_args, trace=True):
-        self.trace, self.port = os.path.join(TMP, "trace.log"), 29600
-        self.proc = subprocess.Popen(
-            [SIM, *(["--trace", self.trace] if trace else []), *sim_args, "--", VEXLO, "serve", "--no-beacon",
-             "--slcan", f"{LINK}=0", "--slcan-tcp", f"{self.port}=1"], stderr=subprocess.PIPE, text=True)
-        while "serving adapter" not in self.proc.stderr.readline():
-            assert self.proc.poll() is None, "the server did not start"
-
-    def stop(self):
-        self.proc.send_signal(signal.SIGTERM)
-        return self.proc.communicate(timeout=30)[1]
-
-    def bus(self, since=0):
-        """The frames slcan0 sent on the simulated bus so far, after the first `since`: (time, frame)."""
-        with open(self.trace) as f:
-            lines = [line.split() for line in f if " sim0can0 " in line]
-        return [(float(t[1:-1]), frame) for t, _, frame in lines][since:]
+def serve(tmp, *sim_args, **kw):
+    """The line at LINK on channel 0, and a TCP line on channel 1."""
+    return Server(tmp, sim_args, ["--slcan", f"{LINK}=0", "--slcan-tcp", "29600=1"], **kw)
 
 
 class Slcand:
@@ -53,27 +24,17 @@ class Slcand:
 
     def __init__(self, *options, up=True):
         self.proc = subprocess.Popen(["slcand", "-F", *options, LINK, "slcan0"], stdout=subprocess.DEVNULL)
-        wait(lambda: subprocess.run(["ip", "link", "show", "slcan0"], capture_output=True).returncode == 0)
-        sh("ip", "link", "set", "slcan0", "txqueuelen", "2000", *(["up"] if up else []))
+        wait(lambda: has_link("slcan0"))
+        run("ip", "link", "set", "slcan0", "txqueuelen", "2000", *(["up"] if up else []))
 
     def detach(self):
         self.proc.send_signal(signal.SIGTERM)
         assert self.proc.wait(timeout=20) == 0
-        wait(lambda: subprocess.run(["ip", "link", "show", "slcan0"], capture_output=True).returncode != 0)
-
-
-def candump(*args):
-    """candump -L into a file: a pipe nobody reads meanwhile would stall it, and its socket would drop frames."""
-    out = open(os.path.join(TMP, "candump.log"), "w+")
-    proc = subprocess.Popen(["candump", "-L", *args], stdout=out)
-    proc.out = out
-    return proc
+        wait(lambda: not has_link("slcan0"))
 
 
 def dumped(proc):
-    proc.wait(timeout=30)
-    proc.out.seek(0)
-    return [line.split()[2] for line in proc.out]
+    return [f for _, f in proc.result()]
 
 
 def stat(name):
@@ -102,29 +63,28 @@ def cangen(n, ext, length):
 
 def check_rate(server, rate):
     before = len(server.bus())
-    sh("cangen", "-g", "0", "-n", "12", "-L", "8", "slcan0")
-    wait(lambda: len(server.bus(before)) == 12)
+    run("cangen", "-g", "0", "-n", "12", "-L", "8", "slcan0")
+    server.wait(lambda: len(server.bus()) == before + 12)
     # Frames the adapter got together follow each other on the bus at once: the shortest gap is a frame.
-    times = [t for t, _ in server.bus(before)]
+    times = [t for t, _ in server.bus()[before:]]
     gap = min(b - a for a, b in zip(times, times[1:]))
     assert abs(gap - 111 / rate) < 2e-6 + 111 / rate / 100, rate
 
 
-def test_frames_both_ways_bursts_rates_and_reattaching():
-    server = Server()
+def test_frames_both_ways_bursts_rates_and_reattaching(tmp_path):
+    server = serve(tmp_path)
     try:
         line = Slcand("-o", "-c", "-f", "-s6")
         # The simulated bus's frames reach slcan0 with every field, from the TCP line on the cabled channel.
         dump = candump("-n", str(len(FRAMES)), "slcan0")
-        time.sleep(0.5)
-        with socket.create_connection(("127.0.0.1", server.port)) as tcp:
+        with socket.create_connection(("127.0.0.1", 29600)) as tcp:
             tcp.sendall(b"O\r" + b"".join(slcan_command(f) for f in FRAMES))
             assert dumped(dump) == FRAMES
         # Frames sent on slcan0 reach the bus whole and in order: one by one, and a burst.
         for frame in FRAMES:
-            sh("cansend", "slcan0", frame)
-        sh("cangen", "-g", "0", "-n", "2000", "-e", "-I", "i", "-L", "i", "-D", "i", "slcan0")
-        wait(lambda: len(server.bus()) >= len(FRAMES) + 2000)
+            run("cansend", "slcan0", frame)
+        run("cangen", "-g", "0", "-n", "2000", "-e", "-I", "i", "-L", "i", "-D", "i", "slcan0")
+        server.wait(lambda: len(server.bus()) >= len(FRAMES) + 2000, 120)
         sent = [f for _, f in server.bus()]
         assert sent == FRAMES + [cangen(n, True, n % 9) for n in range(2000)]
         assert (stat("tx_packets"), stat("tx_errors")) == (2010, 0)
@@ -138,8 +98,8 @@ def test_frames_both_ways_bursts_rates_and_reattaching():
         # Timing bytes from slcand, then the kernel's own rate setting (ip link ... bitrate), which
         # sends the rate to the line when slcan0 goes up.
         line = Slcand("-o", "-c", "-b", "031C", up=False)
-        sh("ip", "link", "set", "slcan0", "type", "can", "bitrate", "250000")
-        sh("ip", "link", "set", "slcan0", "up")
+        run("ip", "link", "set", "slcan0", "type", "can", "bitrate", "250000")
+        run("ip", "link", "set", "slcan0", "up")
         check_rate(server, 250000)
         line.detach()
     finally:
@@ -149,35 +109,34 @@ def test_frames_both_ways_bursts_rates_and_reattaching():
     assert "not taken" not in log and "dropped" not in log
 
 
-def test_error_state_and_frames_the_adapter_did_not_take():
+def test_error_state_and_frames_the_adapter_did_not_take(tmp_path):
     # Nobody acknowledges slcan0's frames at 1 Mbit/s: the cabled channel stays at 500k, no analyser.
-    server = Server(trace=False)
+    server = serve(tmp_path, trace=False)
     try:
         line = Slcand("-o", "-c", "-s8")
         errors = candump("-n", "6", "slcan0,0~0,#FFFFFFFF")  # error frames only
-        time.sleep(0.5)
-        sh("cangen", "-g", "0", "-n", "20", "-L", "8", "slcan0")
+        run("cangen", "-g", "0", "-n", "20", "-L", "8", "slcan0")
         # The adapter's error warning and error passive (its transmit error count at 128) reach slcan0's
         # state; of 20 frames the adapter holds 16, retrying, and refuses 4: transmit errors.
         assert dumped(errors) == ["20000204#000C000000000000", "20000204#0020000000008000"] + [
             "2000008C#0002000000000000"] * 4
-        assert stat("tx_errors") == 4 and "state ERROR-PASSIVE" in sh("ip", "-details", "link", "show", "slcan0")
+        assert stat("tx_errors") == 4 and "state ERROR-PASSIVE" in run("ip", "-details", "link", "show", "slcan0")
         line.detach()
     finally:
         log = server.stop()
     assert "client gone; 0 received frames dropped for reading too slowly, 4 frames not taken by the adapter" in log
 
 
-def test_a_thousand_frames_a_second_each_way():
-    server = Server("-g", "1:1000:seq8")
+def test_a_thousand_frames_a_second_each_way(tmp_path):
+    server = serve(tmp_path, "-g", "1:1000:seq8")
     try:
         line = Slcand("-o", "-c", "-s6")
         # The generator's 3,000 frames in 3 s, while cangen offers 500 in half a second.
-        dump = candump("-r", "1000000", "-n", "3000", "slcan0")
-        sh("cangen", "-g", "1", "-n", "500", "-x", "-I", "i", "-L", "8", "-D", "i", "slcan0")
+        dump = candump("-n", "3000", "slcan0")
+        run("cangen", "-g", "1", "-n", "500", "-x", "-I", "i", "-L", "8", "-D", "i", "slcan0")
         got = [int.from_bytes(bytes.fromhex(f.split("#")[1]), "little") for f in dumped(dump)]
         assert got == list(range(got[0], got[0] + 3000))
-        wait(lambda: len(server.bus()) == 500)
+        server.wait(lambda: len(server.bus()) == 500)
         assert [f for _, f in server.bus()] == [cangen(n, False, 8) for n in range(500)]
         line.detach()
     finally:

@@ -2,61 +2,18 @@
 # socketcan interface, the kernel's BCM, J1939 and gateway, a vxcan pair across network namespaces.
 import os
 import re
-import itertools
-import signal
 import statistics
 import subprocess
-import threading
 import time
 
 import can
 import pytest
 
-SIM, VEXLO = os.environ["VEXLO_SIM"], os.environ["VEXLO"]
-PORTS = itertools.count(29600)  # a kernel of its own: nothing else listens
+from kernel_support import Server, candump, has_link, run
 
 
-class Server:
-    # vexlo serve under vexlo-sim at 1 Mbit/s; its log lines and the simulated buses' trace.
-
-    def __init__(self, tmp, sim_args, serve_args, trace=True, wrap=()):
-        self.trace, self.port, self.lines = tmp / "trace", next(PORTS), []
-        self.proc = subprocess.Popen([*wrap, SIM, *(["--trace", str(self.trace)] if trace else []), *sim_args, "--", VEXLO,
-                                      "serve", "-b", "1M", "--no-beacon", "--listen", f"127.0.0.1:{self.port}", *serve_args],
-                                     stderr=subprocess.PIPE, text=True)
-        threading.Thread(target=lambda: self.lines.extend(self.proc.stderr), daemon=True).start()
-        self.wait(lambda: self.said("serving adapter") or self.proc.poll() is not None)
-
-    def said(self, text):
-        return any(text in l for l in self.lines)
-
-    def wait(self, done, timeout=60):
-        end = time.time() + timeout
-        while not done():
-            assert time.time() < end, "".join(self.lines)
-            time.sleep(0.05)
-
-    def bus(self, label, since=0):
-        # Frames completed on the simulated bus by `label` (sim0can0, sim0can1) after `since`: (time, ID#DATA).
-        rows = [l.split() for l in self.trace.read_text().splitlines()]
-        return [(float(r[0][1:-1]), r[2]) for r in rows if r[1] == label and float(r[0][1:-1]) > since]
-
-    def stop(self):
-        self.proc.send_signal(signal.SIGTERM)
-        assert self.proc.wait(30) == 0, "".join(self.lines)
-        return "".join(self.lines)
-
-
-def run(*cmd, **kw):
-    return subprocess.run(cmd, check=True, capture_output=True, text=True, timeout=120, **kw).stdout
-
-
-def candump(spec, count, *opts):
-    # candump -L of `count` frames in the background; .result() gives their (time, ID#DATA).
-    p = subprocess.Popen(["candump", "-L", "-r", "4000000", "-n", str(count), *opts, spec], stdout=subprocess.PIPE, text=True)
-    time.sleep(0.3)  # the socket is bound
-    p.result = lambda: [(float(l.split()[0][1:-1]), l.split()[2]) for l in p.communicate(timeout=120)[0].splitlines()]
-    return p
+def serve(tmp, sim_args, *channels, **kw):
+    return Server(tmp, sim_args, ["-b", "1M", *channels], **kw)
 
 
 def text(ident, data, ext=False):
@@ -74,14 +31,14 @@ def generated(frames, pattern):
 @pytest.fixture(scope="module")
 def bridge(tmp_path_factory):
     # Both channels bridged, cabled, a remote node sending on channel 1; a serial line on channel 0.
-    srv = Server(tmp_path_factory.mktemp("bridge"), ["-g", "1:50:dlc"],
-                 ["--socketcan", "vcan0=0", "--socketcan", "vcan1=1", "--slcan-tcp", "29599=0"])
+    srv = serve(tmp_path_factory.mktemp("bridge"), ["-g", "1:50:dlc"],
+                "--socketcan", "vcan0=0", "--socketcan", "vcan1=1", "--slcan-tcp", "29599=0")
     yield srv
     srv.stop()
 
 
 def test_candump_gets_the_bus_frames_with_their_fields(bridge):
-    dump = candump("vcan0", 400)  # 8 s of the remote node
+    dump = candump("-n", "400", "vcan0")  # 8 s of the remote node
     sent = ["1ABCDEF0#1122", "00000123#R3", "7FF#R", "000#"]
     for f in sent:  # from vcan1 through channel 1, the cable and channel 0
         run("cansend", "vcan1", f)
@@ -92,15 +49,15 @@ def test_candump_gets_the_bus_frames_with_their_fields(bridge):
 
 def test_every_frame_written_reaches_the_bus_in_order(bridge):
     start = time.time()
-    witness = candump("vcan0,80000000:80000000", 1000)  # cangen's extended frames, not the bus's
+    witness = candump("-n", "1000", "vcan0,80000000:80000000")  # cangen's extended frames, not the bus's
     run("cangen", "vcan0", "-g", "0", "-n", "1000", "-e", "-I", "i", "-L", "8", "-D", "i")
     sent = ["5A1#1122334455667788", "1F334455#", "123#R", "00000123#R8"]
     for f in sent:
         run("cansend", "vcan0", f)
     stamps, written = zip(*witness.result())
     assert 999 / (stamps[999] - stamps[0]) > 1000  # the burst came faster than 1,000 frames/s
-    bridge.wait(lambda: len(bridge.bus("sim0can0", start)) >= 1004)
-    assert [f for _, f in bridge.bus("sim0can0", start)] == list(written) + sent
+    bridge.wait(lambda: len(bridge.bus(since=start)) >= 1004)
+    assert [f for _, f in bridge.bus(since=start)] == list(written) + sent
 
 
 def test_python_can_socketcan_with_a_socketcand_client_and_a_serial_line(bridge):
@@ -118,13 +75,13 @@ def test_python_can_socketcan_with_a_socketcand_client_and_a_serial_line(bridge)
             for r in receivers:
                 got = r.recv(5)
                 assert got is not None and (got.arbitration_id, bytes(got.data)) == (0x1B0000, bytes([k, 0xA5]))
-        bridge.wait(lambda: len(bridge.bus("sim0can0", start)) >= 3)
-        assert [f for _, f in bridge.bus("sim0can0", start)] == ["001B0000#00A5", "001B0000#01A5", "001B0000#02A5"]
+        bridge.wait(lambda: len(bridge.bus(since=start)) >= 3)
+        assert [f for _, f in bridge.bus(since=start)] == ["001B0000#00A5", "001B0000#01A5", "001B0000#02A5"]
         start = time.time()
         task = sc.send_periodic(can.Message(arbitration_id=0x1C0000, data=b"\x01"), 0.05)
         time.sleep(2)
         task.stop()
-        stamps = [t for t, f in bridge.bus("sim0can0", start) if f == "001C0000#01"]
+        stamps = [t for t, f in bridge.bus(since=start) if f == "001C0000#01"]
         assert len(stamps) >= 30 and 0.045 < statistics.median(b - a for a, b in zip(stamps, stamps[1:])) < 0.055
     finally:
         for b in (sc, tcp, line):
@@ -144,8 +101,8 @@ def test_j1939_transfer_from_one_interface_to_the_other(bridge, tmp_path):
 
 # Each server below makes interfaces of its own, whatever ran before.
 def test_a_lone_sender_gets_notices_as_error_frames_and_its_refused_frames_counted(tmp_path):
-    srv = Server(tmp_path, ["--uncabled"], ["--socketcan", "vcan2=0"], trace=False)
-    errors = candump("vcan2,0~0,#FFFFFFFF", 100, "-T", "3000")
+    srv = serve(tmp_path, ["--uncabled"], "--socketcan", "vcan2=0", trace=False)
+    errors = candump("-n", "100", "-T", "3000", "vcan2,0~0,#FFFFFFFF")
     run("cangen", "vcan2", "-g", "5", "-n", "40", "-L", "1")
     got = [f for _, f in errors.result()]
     # No node acknowledges: bus errors, then error warning, then error passive at 128 transmit errors.
@@ -159,36 +116,35 @@ def test_a_lone_sender_gets_notices_as_error_frames_and_its_refused_frames_count
 
 
 def test_kernel_gateway_carries_one_bus_to_the_other(tmp_path):
-    srv = Server(tmp_path, ["--uncabled", "-g", "0:100:seq"], ["--socketcan", "vcan3=0", "--socketcan", "vcan4=1"])
+    srv = serve(tmp_path, ["--uncabled", "-g", "0:100:seq"], "--socketcan", "vcan3=0", "--socketcan", "vcan4=1")
     run("cangw", "-A", "-s", "vcan3", "-d", "vcan4", "-e")
     srv.wait(lambda: len(srv.bus("sim0can1")) >= 50)
     assert "channel 0 as the CAN interface vcan3 (a vcan made for it" in srv.stop()
     assert generated([f for _, f in srv.bus("sim0can1")], "seq")
-    for iface in ("vcan3", "vcan4"):  # removed by the server that made them
-        assert subprocess.run(["ip", "link", "show", iface], capture_output=True).returncode != 0
+    assert not has_link("vcan3") and not has_link("vcan4")  # removed by the server that made them
 
 
 def test_vxcan_end_in_another_namespace_receives_and_sends(tmp_path):
     run("sh", "-ec", "ip link add vxcan0 type vxcan peer name vxcan1; ip netns add other; ip link set vxcan1 netns other;"
         "ip -n other link set vxcan1 up")
-    srv = Server(tmp_path, ["-g", "1:100:seq"], ["--socketcan", "vxcan0=0"])
+    srv = serve(tmp_path, ["-g", "1:100:seq"], "--socketcan", "vxcan0=0")
     assert generated(run("ip", "netns", "exec", "other", "candump", "-L", "-n", "20", "vxcan1").split()[2::3], "seq")
     run("ip", "netns", "exec", "other", "cansend", "vxcan1", "321#CAFE")
-    srv.wait(lambda: any(f == "321#CAFE" for _, f in srv.bus("sim0can0")))
+    srv.wait(lambda: any(f == "321#CAFE" for _, f in srv.bus()))
     srv.stop()
-    assert subprocess.run(["ip", "link", "show", "vxcan0"], capture_output=True).returncode == 0  # the user's, kept
+    assert has_link("vxcan0")  # the user's, kept
 
 
 def test_an_unplug_leaves_the_interface_and_frames_flow_again(tmp_path):
-    srv = Server(tmp_path, ["-g", "1:100:seq", "--unplug", "0:3:5"], ["--socketcan", "vcan5=0"], trace=False)
+    srv = serve(tmp_path, ["-g", "1:100:seq", "--unplug", "0:3:5"], "--socketcan", "vcan5=0", trace=False)
     srv.wait(lambda: srv.said("stays in place"))
-    run("ip", "link", "show", "vcan5")
+    assert has_link("vcan5")
     srv.wait(lambda: srv.said("vcan5 carries channel 0 again"))
     assert generated(run("candump", "-L", "-n", "20", "vcan5").split()[2::3], "seq")
     srv.stop()
 
 
 def test_a_missing_interface_without_the_right_to_create_it_names_the_commands(tmp_path):
-    srv = Server(tmp_path, [], ["--socketcan", "vcan7=1"], trace=False, wrap=["setpriv", "--bounding-set=-net_admin"])
+    srv = serve(tmp_path, [], "--socketcan", "vcan7=1", trace=False, wrap=["setpriv", "--bounding-set=-net_admin"])
     assert srv.proc.wait(30) == 1
-    assert "'ip link add dev vcan7 type vcan' and 'ip link set up vcan7'" in "".join(srv.lines)
+    assert "'ip link add dev vcan7 type vcan' and 'ip link set up vcan7'" in srv.log()
