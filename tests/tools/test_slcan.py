@@ -10,37 +10,22 @@ import can
 import pytest
 import serial
 
-VEXLO = os.environ["VEXLO"]
-SIM = os.environ["VEXLO_SIM"]
-
-
-def free_port():
-    with socket.create_server(("127.0.0.1", 0)) as s:
-        return s.getsockname()[1]
+from serve_support import SIM, VEXLO, free_port, server_factory  # noqa: F401 (server_factory: a fixture)
 
 
 @pytest.fixture
-def serve(tmp_path):
-    """Starts vexlo serve under the simulator with a pseudo-terminal line on link_ch and a TCP line on
-    tcp_ch; gives the link, the TCP line's URL and port, the socketcand port and the process."""
-    procs = []
+def serve(tmp_path, server_factory):
+    """vexlo serve with a pseudo-terminal line at .link on link_ch and a TCP line on tcp_ch (.tcp, .url)."""
 
     def start(sim_args=(), link_ch=0, tcp_ch=1, args=()):
-        s = {"link": str(tmp_path / "ttyVEXLO0"), "tcp": free_port(), "socketcand": free_port()}
-        s["url"] = f"socket://127.0.0.1:{s['tcp']}"
-        s["proc"] = p = subprocess.Popen(
-            [SIM, "--hw-version", "0105", "--fw-version", "0207", "--serial", "SER4321", *sim_args, "--", VEXLO,
-             "serve", "--no-beacon", "--listen", f"127.0.0.1:{s['socketcand']}", "--slcan", f"{s['link']}={link_ch}",
-             "--slcan-tcp", f"{s['tcp']}={tcp_ch}", *args], stderr=subprocess.PIPE, text=True)
-        procs.append(p)
-        while "serving adapter" not in (line := p.stderr.readline()):
-            assert line, "the server did not start"
-        return s
+        link, tcp = str(tmp_path / "ttyVEXLO0"), free_port()
+        srv = server_factory(["--hw-version", "0105", "--fw-version", "0207", "--serial", "SER4321", *sim_args],
+                             ["--no-beacon", "--slcan", f"{link}={link_ch}", "--slcan-tcp", f"{tcp}={tcp_ch}", *args],
+                             rate=None)
+        srv.link, srv.tcp, srv.url = link, tcp, f"socket://127.0.0.1:{tcp}"
+        return srv
 
-    yield start
-    for p in procs:
-        p.terminate()
-        p.wait(timeout=20)
+    return start
 
 
 def slcan(channel, **kw):
@@ -77,21 +62,21 @@ FRAMES = [can.Message(arbitration_id=0x100 + n, data=bytes(range(n)), is_extende
 
 def test_python_can_both_ways_over_pty_and_tcp_rates_stamps_and_identity(serve):
     s = serve()
-    pty, tcp = slcan(s["link"], bitrate=500000), slcan(s["url"], btr="001C")
+    pty, tcp = slcan(s.link, bitrate=500000), slcan(s.url, btr="001C")
     assert pty.get_version(2) == (10, 20) and tcp.get_serial_number(2) == "4321"
     for a, b in ((pty, tcp), (tcp, pty)):
         for m in FRAMES:
             a.send(m)
         assert receive(b, len(FRAMES)) == [fields(m) for m in FRAMES]
     tcp.shutdown()
-    slave = os.readlink(s["link"])
+    slave = os.readlink(s.link)
     pty.shutdown()
     end = time.time() + 5
-    while os.readlink(s["link"]) == slave and time.time() < end:  # a fresh line for the next client
+    while os.readlink(s.link) == slave and time.time() < end:  # a fresh line for the next client
         time.sleep(0.01)
     # Rates: the pseudo-terminal's channel to 125k by S4 no longer hears the TCP line's channel at
     # 500k, until that one goes to 125k by its timing bytes.
-    with serial.serial_for_url(s["link"], timeout=0.2) as a, serial.serial_for_url(s["url"], timeout=0.2) as b:
+    with serial.serial_for_url(s.link, timeout=0.2) as a, serial.serial_for_url(s.url, timeout=0.2) as b:
         assert exchange(a, b"C\rS4\rO\rZ1\r", b"\r\r\r\r") == b"\r\r\r\r"
         assert exchange(b, b"O\rt1230\r", b"z\r") == b"\rz\r"
         assert exchange(a, b"", b"never", 0.5) == b""
@@ -111,8 +96,8 @@ def test_python_can_both_ways_over_pty_and_tcp_rates_stamps_and_identity(serve):
 
 def test_slcan_and_socketcand_clients_share_a_channel(serve):
     s = serve(link_ch=0, tcp_ch=0)
-    sock = can.Bus(interface="socketcand", host="127.0.0.1", port=s["socketcand"], channel="can0")
-    line = slcan(s["link"])
+    sock = can.Bus(interface="socketcand", host="127.0.0.1", port=s.port, channel="can0")
+    line = slcan(s.link)
     # python-can 4.1's socketcand client marks every frame extended: compare identifier and data there.
     for a, b, seen in ((line, sock, lambda f: (f[0], f[4])), (sock, line, lambda f: f)):
         a.send(FRAMES[4])
@@ -120,27 +105,26 @@ def test_slcan_and_socketcand_clients_share_a_channel(serve):
         assert [seen(f) for f in receive(b, 2)] == [seen(fields(FRAMES[4])), seen(fields(FRAMES[10]))]
         assert receive(a, 1, 0.5) == []  # not its own
     # The rate cannot change under the socketcand client, nor is it needed when it is already so.
-    with serial.serial_for_url(s["url"], timeout=0.2) as other:
+    with serial.serial_for_url(s.url, timeout=0.2) as other:
         assert exchange(other, b"S8\rS6\r", b"\r") == b"\a\r"
     line.shutdown()
     sock.shutdown()
-    s["proc"].terminate()
     assert "1000000 bit/s (timing 00:14), acceptance code 00000000 mask FFFFFFFF: refused, another client uses the " \
-           "channel" in s["proc"].communicate(timeout=20)[1]
+           "channel" in s.stop()
 
 
 def test_bad_clients_do_not_block_the_server(serve):
     s = serve(["-g", "0:4000:seq8"], link_ch=1, tcp_ch=0)
     # A new client starts on a closed line with nothing queued, also right after the last one closed.
     for _ in range(20):
-        with open(s["link"], "r+b", buffering=0) as old:
+        with open(s.link, "r+b", buffering=0) as old:
             old.write(b"O\rZ1\r")
             time.sleep(0.01)
-        with serial.serial_for_url(s["link"], timeout=0.2) as new:
+        with serial.serial_for_url(s.link, timeout=0.2) as new:
             assert exchange(new, b"V\r", b"V1020\r") == b"V1020\r"
-    never = serial.serial_for_url(s["link"], timeout=0.2)  # opens the line and does not read for 2 s
+    never = serial.serial_for_url(s.link, timeout=0.2)  # opens the line and does not read for 2 s
     never.write(b"O\r")
-    with socket.create_connection(("127.0.0.1", s["tcp"])) as c:
+    with socket.create_connection(("127.0.0.1", s.tcp)) as c:
         c.sendall(b"V" * 10_000_000)
         c.sendall(bytes(range(256)) * 64 + b"\rV\r")
         data, end = b"", time.time() + 10
@@ -148,7 +132,7 @@ def test_bad_clients_do_not_block_the_server(serve):
             data += c.recv(65536)
         assert data.endswith(b"\aV1020\r")
     # 50,000 commands from a client that does not read meanwhile: every reply comes, in order.
-    with socket.create_connection(("127.0.0.1", s["tcp"])) as c:
+    with socket.create_connection(("127.0.0.1", s.tcp)) as c:
         threading.Thread(target=c.sendall, args=(b"V\r" * 50_000 + b"N\r",), daemon=True).start()
         time.sleep(1)
         data, end = b"", time.time() + 20
@@ -162,8 +146,7 @@ def test_bad_clients_do_not_block_the_server(serve):
     assert lines[-3:] == [b"", b"F08", b""]
     seqs = [int.from_bytes(bytes.fromhex(line[5:21].decode()), "little") for line in lines if line[:1] == b"t"]
     never.close()
-    s["proc"].terminate()
-    log = s["proc"].communicate(timeout=20)[1]
+    log = s.stop()
     assert f"{seqs[-1] - seqs[0] + 1 - len(seqs)} received frames dropped for reading too slowly" in log
 
 
@@ -178,10 +161,9 @@ def test_the_link_and_the_allow_list(serve, tmp_path):
     link.symlink_to("/dev/pts/4095")
     s = serve(args=["--allow", "10.0.0.0/8"])
     # A peer outside --allow is refused on the TCP line as on the socketcand port.
-    with socket.create_connection(("127.0.0.1", s["tcp"])) as c:
+    with socket.create_connection(("127.0.0.1", s.tcp)) as c:
         assert c.recv(100) == b""
     # What the user put in the link's place meanwhile stays after the server's end.
     mine.write_text("mine")
     os.replace(mine, link)
-    s["proc"].terminate()
-    assert "refused (not allowed)" in s["proc"].communicate(timeout=20)[1] and link.read_text() == "mine"
+    assert "refused (not allowed)" in s.stop() and link.read_text() == "mine"

@@ -3,101 +3,13 @@ import contextlib
 import os
 import re
 import statistics
-import signal
 import socket
-import subprocess
-import threading
 import time
 
 import can
 import pytest
 
-VEXLO = os.environ["VEXLO"]
-SIM = os.environ["VEXLO_SIM"]
-
-
-class Server:
-    """vexlo serve under vexlo-sim on a free port; its standard error is collected in lines."""
-
-    def __init__(self, sim_args=(), serve_args=(), host="127.0.0.1"):
-        with socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET) as s:
-            s.bind((host, 0))
-            self.port = s.getsockname()[1]
-        self.lines, self.host = [], host
-        where = f"[{host}]" if ":" in host else host
-        self.proc = subprocess.Popen([SIM, *sim_args, "--", VEXLO, "serve", "-b", "1M", "--listen",
-                                      f"{where}:{self.port}", *serve_args], stderr=subprocess.PIPE, text=True)
-        threading.Thread(target=lambda: self.lines.extend(self.proc.stderr), daemon=True).start()
-        self.wait_line("serving adapter 0")
-
-    def wait_line(self, text, timeout=20, count=1):
-        end = time.time() + timeout
-        while time.time() < end:
-            found = [l for l in self.lines if text in l]
-            if len(found) >= count:
-                return found[0]
-            assert self.proc.poll() is None, "".join(self.lines)
-            time.sleep(0.05)
-        raise AssertionError(f"no line with {text!r} in {''.join(self.lines)}")
-
-    def usage(self):
-        """The server's open descriptors and resident kilobytes."""
-        pid = self.proc.pid
-        while open(f"/proc/{pid}/comm").read().strip() != "vexlo":  # below the simulator
-            pid = int(open(f"/proc/{pid}/task/{pid}/children").read().split()[0])
-        rss = [line.split()[1] for line in open(f"/proc/{pid}/status") if line.startswith("VmRSS")]
-        return len(os.listdir(f"/proc/{pid}/fd")), int(rss[0])
-
-    def bus(self, channel):
-        return can.Bus(interface="socketcand", host="127.0.0.1", port=self.port, channel=channel)
-
-    def raw(self, channel=None, mode="rawmode"):
-        """A plain socket; with a channel, opened and switched to `mode` (answers checked)."""
-        s = socket.create_connection((self.host, self.port))
-        s.settimeout(5)
-        REST.pop(id(s), None)  # a closed socket's leftovers
-        assert read_until(s, 1) == ["< hi >"]
-        if channel:
-            s.sendall(f"< open {channel} >< {mode} >".encode())
-            assert read_until(s, 2) == ["< ok >", "< ok >"]
-        return s
-
-    def stop(self):
-        self.proc.send_signal(signal.SIGTERM)
-        assert self.proc.wait(20) == 0
-        time.sleep(0.1)
-        assert "stopping" in self.lines[-1]
-
-
-@pytest.fixture
-def server_factory():
-    servers = []
-    yield lambda *a, **k: servers.append(Server(*a, **k)) or servers[-1]
-    for s in servers:
-        if s.proc.poll() is None:
-            s.proc.kill()
-
-
-REST = {}  # bytes read past the last message, by socket
-
-
-def read_until(sock, count, timeout=5):
-    """The next `count` messages of the socket, or fewer when it ends or stays silent."""
-    out, buf, end = [], REST.get(id(sock), b""), time.time() + timeout
-    while len(out) < count and time.time() < end:
-        while b">" in buf and len(out) < count:
-            msg, buf = buf.split(b">", 1)
-            out.append(msg[msg.index(b"<"):].decode() + ">")
-        if len(out) < count:
-            try:
-                data = sock.recv(65536)
-            except socket.timeout:
-                break
-            if not data:
-                break
-            buf += data
-    REST[id(sock)] = buf
-    return out
+from serve_support import read_until, server_factory  # noqa: F401 (server_factory: a fixture)
 
 
 def message(ident, ext, data):
@@ -175,7 +87,6 @@ def test_bcm_cyclic_frames_subscriptions_and_statistics(server_factory):
 def test_bad_input_gets_errors_and_limits_hold(server_factory):
     srv = server_factory(serve_args=["--max-clients", "2"])
     s = srv.raw()
-    table = [("< send 123 1 00 >", "< error no bus open >"), ("< open can7 >", None)]
     s.sendall(b"< send 123 1 00 >")
     assert read_until(s, 1) == ["< error no bus open >"]
     s.sendall(b"< open can0 >")
