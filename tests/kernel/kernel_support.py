@@ -1,62 +1,28 @@
-"""What the kernel tests share: vexlo serve under vexlo-sim with its log and the simulated buses' trace,
-can-utils runs, and the waits, inside user-mode Linux (uml-run) as root."""
-import itertools
+"""What the kernel tests share inside user-mode Linux (uml-run), as root: the server's tests' Server
+(tests/tools), can-utils runs, candump in the background, waits."""
 import os
-import signal
 import subprocess
+import sys
 import tempfile
-import threading
 import time
 
-SIM, VEXLO = os.environ["VEXLO_SIM"], os.environ["VEXLO"]
-PORTS = itertools.count(29700)  # a kernel of its own: nothing else listens
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "tools"))
+from serve_support import SIM, VEXLO, Server  # noqa: E402,F401 (for the tests)
 
 
 def run(*cmd, **kw):
     return subprocess.run(cmd, check=True, capture_output=True, text=True, timeout=120, **kw).stdout
 
 
-def wait(done, timeout=60, why=lambda: "timed out"):
+def wait(done, timeout=60):
     end = time.time() + timeout
     while not done():
-        assert time.time() < end, why()
+        assert time.time() < end, "timed out"
         time.sleep(0.05)
 
 
 def has_link(name):
     return subprocess.run(["ip", "link", "show", name], capture_output=True).returncode == 0
-
-
-class Server:
-    """vexlo serve under vexlo-sim, listening on a port of its own; its log lines and the buses' trace."""
-
-    def __init__(self, tmp, sim_args, serve_args, trace=True, wrap=()):
-        self.trace, self.port, self.lines = os.path.join(tmp, "trace"), next(PORTS), []
-        self.proc = subprocess.Popen([*wrap, SIM, *(["--trace", self.trace] if trace else []), *sim_args, "--", VEXLO,
-                                      "serve", "--no-beacon", "--listen", f"127.0.0.1:{self.port}", *serve_args],
-                                     stderr=subprocess.PIPE, text=True)
-        threading.Thread(target=lambda: self.lines.extend(self.proc.stderr), daemon=True).start()
-        self.wait(lambda: self.said("serving adapter") or self.proc.poll() is not None)
-
-    def log(self):
-        return "".join(self.lines)
-
-    def said(self, text):
-        return text in self.log()
-
-    def wait(self, done, timeout=60):
-        wait(done, timeout, self.log)
-
-    def bus(self, label="sim0can0", since=0):
-        """Frames completed on the simulated bus by `label` (sim0can0, sim0can1) after `since`: (time, ID#DATA)."""
-        with open(self.trace) as f:
-            rows = [line.split() for line in f]
-        return [(float(r[0][1:-1]), r[2]) for r in rows if r[1] == label and float(r[0][1:-1]) > since]
-
-    def stop(self):
-        self.proc.send_signal(signal.SIGTERM)
-        assert self.proc.wait(30) == 0, self.log()
-        return self.log()
 
 
 def candump(*args):

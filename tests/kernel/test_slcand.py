@@ -13,9 +13,10 @@ FRAMES = ["123#", "7FF#DE", "000#0102030405060708", "1ABCDEF0#11223344", "000000
           "321#0011223344556677", "12345678#AABBCCDDEEFF0011", "555#0102030405"]
 
 
-def serve(tmp, *sim_args, **kw):
+def serve(tmp, *sim_args, trace=True):
     """The line at LINK on channel 0, and a TCP line on channel 1."""
-    return Server(tmp, sim_args, ["--slcan", f"{LINK}=0", "--slcan-tcp", "29600=1"], **kw)
+    return Server(sim_args, ["--no-beacon", "--slcan", f"{LINK}=0", "--slcan-tcp", "29600=1"], rate=None,
+                  trace=trace and tmp / "trace")
 
 
 class Slcand:
@@ -62,11 +63,11 @@ def cangen(n, ext, length):
 
 
 def check_rate(server, rate):
-    before = len(server.bus())
+    before = len(server.on_bus())
     run("cangen", "-g", "0", "-n", "12", "-L", "8", "slcan0")
-    server.wait(lambda: len(server.bus()) == before + 12)
+    server.wait(lambda: len(server.on_bus()) == before + 12)
     # Frames the adapter got together follow each other on the bus at once: the shortest gap is a frame.
-    times = [t for t, _ in server.bus()[before:]]
+    times = [t for t, _ in server.on_bus()[before:]]
     gap = min(b - a for a, b in zip(times, times[1:]))
     assert abs(gap - 111 / rate) < 2e-6 + 111 / rate / 100, rate
 
@@ -84,8 +85,8 @@ def test_frames_both_ways_bursts_rates_and_reattaching(tmp_path):
         for frame in FRAMES:
             run("cansend", "slcan0", frame)
         run("cangen", "-g", "0", "-n", "2000", "-e", "-I", "i", "-L", "i", "-D", "i", "slcan0")
-        server.wait(lambda: len(server.bus()) >= len(FRAMES) + 2000, 120)
-        sent = [f for _, f in server.bus()]
+        server.wait(lambda: len(server.on_bus()) >= len(FRAMES) + 2000, 120)
+        sent = [f for _, f in server.on_bus()]
         assert sent == FRAMES + [cangen(n, True, n % 9) for n in range(2000)]
         assert (stat("tx_packets"), stat("tx_errors")) == (2010, 0)
         line.detach()
@@ -136,8 +137,8 @@ def test_a_thousand_frames_a_second_each_way(tmp_path):
         run("cangen", "-g", "1", "-n", "500", "-x", "-I", "i", "-L", "8", "-D", "i", "slcan0")
         got = [int.from_bytes(bytes.fromhex(f.split("#")[1]), "little") for f in dumped(dump)]
         assert got == list(range(got[0], got[0] + 3000))
-        server.wait(lambda: len(server.bus()) == 500)
-        assert [f for _, f in server.bus()] == [cangen(n, False, 8) for n in range(500)]
+        server.wait(lambda: len(server.on_bus()) == 500)
+        assert [f for _, f in server.on_bus()] == [cangen(n, False, 8) for n in range(500)]
         line.detach()
     finally:
         server.stop()

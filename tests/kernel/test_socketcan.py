@@ -9,11 +9,11 @@ import time
 import can
 import pytest
 
-from kernel_support import Server, candump, has_link, run
+from kernel_support import SIM, VEXLO, Server, candump, has_link, run
 
 
-def serve(tmp, sim_args, *channels, **kw):
-    return Server(tmp, sim_args, ["-b", "1M", *channels], **kw)
+def serve(tmp, sim_args, *channels, trace=True):
+    return Server(sim_args, ["--no-beacon", *channels], trace=trace and tmp / "trace")
 
 
 def text(ident, data, ext=False):
@@ -56,8 +56,8 @@ def test_every_frame_written_reaches_the_bus_in_order(bridge):
         run("cansend", "vcan0", f)
     stamps, written = zip(*witness.result())
     assert 999 / (stamps[999] - stamps[0]) > 1000  # the burst came faster than 1,000 frames/s
-    bridge.wait(lambda: len(bridge.bus(since=start)) >= 1004)
-    assert [f for _, f in bridge.bus(since=start)] == list(written) + sent
+    bridge.wait(lambda: len(bridge.on_bus(since=start)) >= 1004)
+    assert [f for _, f in bridge.on_bus(since=start)] == list(written) + sent
 
 
 def test_python_can_socketcan_with_a_socketcand_client_and_a_serial_line(bridge):
@@ -75,13 +75,13 @@ def test_python_can_socketcan_with_a_socketcand_client_and_a_serial_line(bridge)
             for r in receivers:
                 got = r.recv(5)
                 assert got is not None and (got.arbitration_id, bytes(got.data)) == (0x1B0000, bytes([k, 0xA5]))
-        bridge.wait(lambda: len(bridge.bus(since=start)) >= 3)
-        assert [f for _, f in bridge.bus(since=start)] == ["001B0000#00A5", "001B0000#01A5", "001B0000#02A5"]
+        bridge.wait(lambda: len(bridge.on_bus(since=start)) >= 3)
+        assert [f for _, f in bridge.on_bus(since=start)] == ["001B0000#00A5", "001B0000#01A5", "001B0000#02A5"]
         start = time.time()
         task = sc.send_periodic(can.Message(arbitration_id=0x1C0000, data=b"\x01"), 0.05)
         time.sleep(2)
         task.stop()
-        stamps = [t for t, f in bridge.bus(since=start) if f == "001C0000#01"]
+        stamps = [t for t, f in bridge.on_bus(since=start) if f == "001C0000#01"]
         assert len(stamps) >= 30 and 0.045 < statistics.median(b - a for a, b in zip(stamps, stamps[1:])) < 0.055
     finally:
         for b in (sc, tcp, line):
@@ -107,7 +107,7 @@ def test_a_lone_sender_gets_notices_as_error_frames_and_its_refused_frames_count
     got = [f for _, f in errors.result()]
     # No node acknowledges: bus errors, then error warning, then error passive at 128 transmit errors.
     assert {"20000088#0000000000000000", "20000004#000C000000000000", "20000204#0030000000008000"} <= set(got)
-    srv.wait(lambda: srv.said("refused by the adapter"))
+    srv.wait_line("refused by the adapter")
     log = srv.stop()
     # Every frame read is accounted for: taken by the adapter (or in flight), or refused.
     refused = int(re.findall(r"refused by the adapter \((\d+) in all\)", log)[-1])
@@ -118,9 +118,9 @@ def test_a_lone_sender_gets_notices_as_error_frames_and_its_refused_frames_count
 def test_kernel_gateway_carries_one_bus_to_the_other(tmp_path):
     srv = serve(tmp_path, ["--uncabled", "-g", "0:100:seq"], "--socketcan", "vcan3=0", "--socketcan", "vcan4=1")
     run("cangw", "-A", "-s", "vcan3", "-d", "vcan4", "-e")
-    srv.wait(lambda: len(srv.bus("sim0can1")) >= 50)
+    srv.wait(lambda: len(srv.on_bus("sim0can1")) >= 50)
     assert "channel 0 as the CAN interface vcan3 (a vcan made for it" in srv.stop()
-    assert generated([f for _, f in srv.bus("sim0can1")], "seq")
+    assert generated([f for _, f in srv.on_bus("sim0can1")], "seq")
     assert not has_link("vcan3") and not has_link("vcan4")  # removed by the server that made them
 
 
@@ -130,21 +130,21 @@ def test_vxcan_end_in_another_namespace_receives_and_sends(tmp_path):
     srv = serve(tmp_path, ["-g", "1:100:seq"], "--socketcan", "vxcan0=0")
     assert generated(run("ip", "netns", "exec", "other", "candump", "-L", "-n", "20", "vxcan1").split()[2::3], "seq")
     run("ip", "netns", "exec", "other", "cansend", "vxcan1", "321#CAFE")
-    srv.wait(lambda: any(f == "321#CAFE" for _, f in srv.bus()))
+    srv.wait(lambda: any(f == "321#CAFE" for _, f in srv.on_bus()))
     srv.stop()
     assert has_link("vxcan0")  # the user's, kept
 
 
 def test_an_unplug_leaves_the_interface_and_frames_flow_again(tmp_path):
     srv = serve(tmp_path, ["-g", "1:100:seq", "--unplug", "0:3:5"], "--socketcan", "vcan5=0", trace=False)
-    srv.wait(lambda: srv.said("stays in place"))
+    srv.wait_line("stays in place")
     assert has_link("vcan5")
-    srv.wait(lambda: srv.said("vcan5 carries channel 0 again"))
+    srv.wait_line("vcan5 carries channel 0 again", 60)
     assert generated(run("candump", "-L", "-n", "20", "vcan5").split()[2::3], "seq")
     srv.stop()
 
 
-def test_a_missing_interface_without_the_right_to_create_it_names_the_commands(tmp_path):
-    srv = serve(tmp_path, [], "--socketcan", "vcan7=1", trace=False, wrap=["setpriv", "--bounding-set=-net_admin"])
-    assert srv.proc.wait(30) == 1
-    assert "'ip link add dev vcan7 type vcan' and 'ip link set up vcan7'" in srv.log()
+def test_a_missing_interface_without_the_right_to_create_it_names_the_commands():
+    p = subprocess.run(["setpriv", "--bounding-set=-net_admin", SIM, "--", VEXLO, "serve", "--no-beacon", "--socketcan",
+                        "vcan7=1"], capture_output=True, text=True, timeout=60)
+    assert p.returncode == 1 and "'ip link add dev vcan7 type vcan' and 'ip link set up vcan7'" in p.stderr

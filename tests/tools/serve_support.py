@@ -22,23 +22,31 @@ def free_port(host="127.0.0.1"):
 class Server:
     """vexlo serve under vexlo-sim on a free port; its standard error is collected in lines."""
 
-    def __init__(self, sim_args=(), serve_args=(), host="127.0.0.1", rate="1M"):
-        self.port, self.lines, self.host = free_port(host), [], host
+    def __init__(self, sim_args=(), serve_args=(), host="127.0.0.1", rate="1M", trace=None):
+        self.port, self.lines, self.host, self.trace = free_port(host), [], host, trace
         where = f"[{host}]" if ":" in host else host
-        self.proc = subprocess.Popen([SIM, *sim_args, "--", VEXLO, "serve", *(["-b", rate] if rate else []), "--listen",
-                                      f"{where}:{self.port}", *serve_args], stderr=subprocess.PIPE, text=True)
-        threading.Thread(target=lambda: self.lines.extend(self.proc.stderr), daemon=True).start()
+        self.proc = subprocess.Popen([SIM, *(["--trace", str(trace)] if trace else []), *sim_args, "--", VEXLO, "serve",
+                                      *(["-b", rate] if rate else []), "--listen", f"{where}:{self.port}", *serve_args],
+                                     stderr=subprocess.PIPE, text=True)
+        self.reader = threading.Thread(target=lambda: self.lines.extend(self.proc.stderr), daemon=True)
+        self.reader.start()
         self.wait_line("serving adapter 0")
 
-    def wait_line(self, text, timeout=20, count=1):
+    def wait(self, done, timeout=60):
         end = time.time() + timeout
-        while time.time() < end:
-            found = [l for l in self.lines if text in l]
-            if len(found) >= count:
-                return found[0]
-            assert self.proc.poll() is None, "".join(self.lines)
+        while not done():
+            assert time.time() < end and self.proc.poll() is None, "".join(self.lines)
             time.sleep(0.05)
-        raise AssertionError(f"no line with {text!r} in {''.join(self.lines)}")
+
+    def wait_line(self, text, timeout=20, count=1):
+        self.wait(lambda: sum(text in line for line in self.lines) >= count, timeout)
+
+    def on_bus(self, label="sim0can0", since=0):
+        """From the simulator's trace, the frames completed on bus `label` (sim0can0, sim0can1) after
+        `since`: (time, ID#DATA)."""
+        with open(self.trace) as f:
+            rows = [line.split() for line in f]
+        return [(float(r[0][1:-1]), r[2]) for r in rows if r[1] == label and float(r[0][1:-1]) > since]
 
     def usage(self):
         """The server's open descriptors and resident kilobytes."""
@@ -65,9 +73,12 @@ class Server:
     def stop(self):
         self.proc.send_signal(signal.SIGTERM)
         assert self.proc.wait(20) == 0
-        time.sleep(0.1)
-        assert "stopping" in self.lines[-1]
-        return "".join(self.lines)
+        self.reader.join(20)
+        # After the stopping line only the CAN interfaces' totals: no client is left to close.
+        log = "".join(self.lines)
+        after = log.split("vexlo: stopping:")[-1].splitlines()[1:]
+        assert "vexlo: stopping:" in log and all(" to the adapter, " in line for line in after), log
+        return log
 
 
 @pytest.fixture
