@@ -12,6 +12,8 @@
 #             python packages do.
 # usage: test_install.sh prefix|packages BUILD_DIR SOURCE_DIR WORK_DIR LIBDIR
 set -euo pipefail
+# Pipelines end in a grep that reads all its input (no -q): one that stopped at the first match
+# would leave the writer to die of SIGPIPE, which pipefail takes for a failure.
 mode=$1 build=$2 src=$3 work=$4 libdir=$5
 fail() { echo "FAIL: $*" >&2; exit 1; }
 mkdir -p "$work" && cd "$work"
@@ -36,7 +38,7 @@ if [ "$mode" = prefix ]; then
   done
   for app in demo-pc cm/demo; do
     # the soname, and the library found in the prefix
-    LD_LIBRARY_PATH="$p/$libdir" ldd "$app" | grep -q "libvexlo.so.1 => $p/$libdir/libvexlo.so.1" || fail "$app: library not from $p"
+    LD_LIBRARY_PATH="$p/$libdir" ldd "$app" | grep "libvexlo.so.1 => $p/$libdir/libvexlo.so.1" >/dev/null || fail "$app: library not from $p"
     out=$("$p/bin/vexlo-sim" --serial INSTALL-7 -- env LD_LIBRARY_PATH="$p/$libdir" "./$app" -n 20 -q) || fail "$app: $out"
     grep -q "serial INSTALL-7, .*, 2 channels" <<<"$out" && grep -q "20 sent, 20 received" <<<"$out" || fail "$app: $out"
   done
@@ -64,14 +66,14 @@ else
       grep -qx "$f" <<<"$list" || fail "$pkg lacks $f"
     done
   done
-  dpkg-deb --ctrl-tarfile debs/vexlo-tools_*.deb | tar -xO ./conffiles | grep -qx /etc/default/vexlo-serve ||
+  dpkg-deb --ctrl-tarfile debs/vexlo-tools_*.deb | tar -xO ./conffiles | grep -x /etc/default/vexlo-serve >/dev/null ||
     fail "vexlo-tools: /etc/default/vexlo-serve is no conffile"
   for d in debs/*.deb; do
     twice=$(dpkg-deb -f "$d" Depends | tr ',' '\n' | sed 's/^ *//; s/ *(.*//' | sort | uniq -d)
     [ -z "$twice" ] || fail "$d depends twice on $twice"
   done
   for script in postinst:py3compile prerm:py3clean; do
-    dpkg-deb -I debs/python3-vexlo-can_*.deb "${script%:*}" | grep -q "${script#*:} -p python3-vexlo-can" ||
+    dpkg-deb -I debs/python3-vexlo-can_*.deb "${script%:*}" | grep "${script#*:} -p python3-vexlo-can" >/dev/null ||
       fail "python3-vexlo-can: no ${script#*:} in its ${script%:*}"
   done
   all=$(for d in debs/*.deb; do dpkg-deb -c "$d" | awk '$1 !~ /^d/ {print $6}'; done)
